@@ -1,0 +1,58 @@
+// File-system services: existence, attributes, permissions, removal, moves,
+// creation, listings. Paths are UTF-8 byte strings.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+enum class FileType { Regular, Directory, SymbolicLink, CharacterSpecial, BlockSpecial, Socket, Fifo, Unknown };
+
+struct FileAttributes {
+    FileType type = FileType::Unknown;
+    uint64_t size = 0;
+    // Permission bits with the set-id and sticky bits (mode & 07777).
+    uint32_t posixPermissions = 0;
+    uint32_t ownerAccountID = 0;
+    // None when the owner has no entry in the password database.
+    std::optional<std::string> ownerAccountName;
+    // The file system's immutable flag.
+    bool immutable = false;
+};
+
+class FileManager {
+public:
+    static FileManager& defaultManager();
+
+    // Existence follows a final symbolic link: a dangling link does not exist.
+    bool fileExistsAtPath(const std::string& path) const;
+    bool fileExistsAtPath(const std::string& path, bool* isDirectory) const;
+    // The item's own attributes; a final link is not followed.
+    std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path) const;
+    bool setPosixPermissions(const std::string& path, uint32_t mode) const;
+    // Removes the path and everything in it (a link itself, never its target),
+    // with the same safe walk as the workspace's destroy.
+    bool removeItemAtPath(const std::string& path) const;
+    bool moveItemAtPath(const std::string& source, const std::string& destination) const;
+    // One directory; its parent must exist. Mode defaults to 0777 & ~umask.
+    bool createDirectoryAtPath(const std::string& path, std::optional<uint32_t> mode = std::nullopt) const;
+    // Creates or replaces a file with the contents. Mode defaults to 0666 & ~umask.
+    bool createFileAtPath(const std::string& path, const std::string& contents,
+                          std::optional<uint32_t> mode = std::nullopt) const;
+    // Names inside the folder (no "." or ".."), sorted; none for a non-folder.
+    std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(const std::string& path) const;
+    // Every path below the folder, relative to it, each folder before its
+    // contents, names sorted within a folder; descends into subfolders but not
+    // into links. None when the path is not a folder.
+    std::optional<std::vector<std::string>> enumeratorAtPath(const std::string& path) const;
+    // The whole file as bytes; none when it cannot be read.
+    std::optional<std::string> contentsAtPath(const std::string& path) const;
+
+private:
+    FileManager() = default;
+};
+
+}  // namespace platform

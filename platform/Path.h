@@ -1,0 +1,23 @@
+// Path functions over UTF-8 byte strings, with the semantics of the string
+// methods the remover was designed against ("/tmp/" -> last component "tmp",
+// a trailing slash dropped before the last component is removed, ...).
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform {
+
+std::string lastPathComponent(std::string_view path);
+std::string deletingLastPathComponent(std::string_view path);
+std::string appendingPathComponent(std::string_view path, std::string_view component);
+std::string appendingPathExtension(std::string_view path, std::string_view extension);
+std::vector<std::string> pathComponents(std::string_view path);
+// True when the path begins with "/" or "~".
+bool isAbsolutePath(std::string_view path);
+// "~" and "~/x" use the effective user's home folder, "~user/x" that user's;
+// an unknown user leaves the path as written.
+std::string expandingTildeInPath(std::string_view path);
+
+}  // namespace platform

@@ -1,0 +1,30 @@
+// Text functions over UTF-8 byte strings.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace platform {
+
+// "/a//b/" split by "/" gives "", "a", "", "b", "".
+std::vector<std::string> componentsSeparatedByString(std::string_view text, std::string_view separator);
+// Leading blanks and a sign allowed, reading stops at the first non-digit;
+// no digits read as 0. integerValue saturates at the 64-bit range, intValue
+// clamps to the 32-bit range.
+int64_t integerValue(std::string_view text);
+int32_t intValue(std::string_view text);
+// Percent escapes decoded as UTF-8: "A%20B" -> "A B". None when the decoded
+// bytes are not valid UTF-8.
+std::optional<std::string> replacingPercentEscapes(std::string_view text);
+bool hasPrefix(std::string_view text, std::string_view prefix);
+bool containsString(std::string_view text, std::string_view part);
+bool isValidUTF8(std::string_view text);
+// The text's UTF-8 bytes, or none when it has no UTF-8 form.
+std::optional<std::vector<uint8_t>> dataUsingUTF8Encoding(std::string_view text);
+// What "%s" prints for a string that may be absent: the C library's "(null)".
+const char* utf8StringOrNull(const std::optional<std::string>& text);
+
+}  // namespace platform

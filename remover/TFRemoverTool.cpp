@@ -1,0 +1,3 @@
+#include "remover/TFRemoverTool.h"
+
+TFRemoverTool::~TFRemoverTool() = default;
