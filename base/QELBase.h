@@ -1,0 +1,63 @@
+// The updater base services' error model, logging and process identity.
+// Class-level state only: there are no instances.
+//
+// Every failure is an error code in QEL_ERROR_DOMAIN. The first error of the
+// process is kept as the prior error and never replaced. A failed check
+// either only logs its code, or logs it and raises the non-fatal exception
+// ("QELNonFatalException"), or records it and raises the fatal exception
+// ("QELFatalException", carrying the prior error under "QELErrorKey").
+// Both exceptions are platform::Exception objects.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "base/QELBaseConstants.h"
+#include "platform/Error.h"
+#include "platform/Exception.h"
+
+class QELBase {
+public:
+    QELBase() = delete;
+
+    // Process-wide state. A host that runs several threads calls init once
+    // before anything else and terminate at the end; without init there is
+    // no lock and locking is skipped.
+    static void init();
+    static void terminate();
+
+    // The prior error, or none.
+    static std::optional<platform::Error> error();
+    static void setError(const platform::Error& error);
+    static void setErrorCode(int32_t code);
+    static void raiseOnPriorError();
+    [[noreturn]] static void raiseWithErrorCode(int32_t code);
+    [[noreturn]] static void raiseWithErrorCode(int32_t code, const std::optional<platform::Error>& loggingError);
+    [[noreturn]] static void raiseAndLogErrorCode(int32_t code);
+    static void verifyCondition(bool condition, int32_t code);
+    static void verifyCondition(bool condition, int32_t code, const std::optional<platform::Error>& loggingError);
+    // The decision point of every check: true when the error is to be
+    // reported (the condition is false, or the code is being forced).
+    static bool condShouldTriggerErrorCode(bool condition, int32_t code);
+    static int32_t forceErrorCode();
+    static int32_t forceErrorCodeSkipCount();
+    static std::optional<platform::Error> errorFromOSStatus(int32_t status);
+    static platform::Error errorFromException(const platform::Exception& exception, int32_t handlerID);
+    static void handleRaise(const platform::Exception& exception, int32_t handlerID);
+    static void logError(const platform::Error& error);
+    static void logErrorCode(int32_t code);
+    static void logErrorString(const std::string& text);
+
+    // Settings and identity.
+    static std::string appType();
+    static std::string pathToUs();
+
+    // Logging: levels -1 (error, also to the console), 0 (normal), 1 (verbose).
+    static void log(const std::string& message, int32_t verbosityLevel);
+    static int32_t verbosityLevel();
+
+private:
+    static void logToFile(const std::string& message, bool andConsole);
+    static std::optional<std::string> logPath();
+};
