@@ -2,10 +2,12 @@
 
 #include <cstdio>
 #include <dlfcn.h>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <vector>
 
+#include "fsutil/SetupQELAgent.h"
 #include "platform/Bundle.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
@@ -98,6 +100,20 @@ const char* failingStatusName(int32_t status)
     case 1: return "HOV_USTATUS_IGNORE";
     default: return nullptr;
     }
+}
+
+// The path of a file URL made from a path: relative paths are taken from the
+// current folder, and trailing slashes are dropped.
+std::string fileURLPath(const std::string& path)
+{
+    std::string absolute = path;
+    if (!platform::hasPrefix(path, "/")) {
+        absolute = platform::appendingPathComponent(std::filesystem::current_path().string(), path);
+    }
+    while (absolute.size() > 1 && absolute.back() == '/') {
+        absolute.pop_back();
+    }
+    return absolute;
 }
 
 }  // namespace
@@ -385,6 +401,24 @@ void TFRemoverTool::uninstallJEX()
 
 void TFRemoverTool::removeQELLaunchdAgent()
 {
+    // The agent's path is worked out here only to be reported; the shared
+    // code works out its own from the bundle. If that fails, the line shows
+    // the path as absent.
+    std::optional<std::string> plistPath;
+    bool succeeded = false;
+    try {
+        const std::string bundlePath = fileURLPath(theAppPath.value_or(""));
+        plistPath = QELAgentPlistPath(bundlePath);
+        if (const std::optional<platform::Bundle> bundle = platform::Bundle::bundleWithPath(bundlePath)) {
+            SetupQELAgent(*bundle, std::nullopt, false);
+            succeeded = true;
+        }
+    } catch (const platform::Exception&) {
+        succeeded = false;
+    }
+    // "Removed" says the removal ran to its end, not that a file went.
+    std::printf("%s %s.\n", statusWord(succeeded ? "Removed" : "ErrorRemovingFile").c_str(),
+                platform::utf8StringOrNull(plistPath));
 }
 
 bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
