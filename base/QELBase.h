@@ -10,8 +10,10 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "base/QELBaseConstants.h"
 #include "platform/Error.h"
@@ -60,4 +62,29 @@ public:
 private:
     static void logToFile(const std::string& message, bool andConsole);
     static std::optional<std::string> logPath();
+
+    // Holds errorLock (recursive) for its lifetime; holds nothing when init
+    // has not made the lock.
+    class ErrorLockHolder {
+    public:
+        ErrorLockHolder();
+        ~ErrorLockHolder();
+        ErrorLockHolder(const ErrorLockHolder&) = delete;
+        ErrorLockHolder& operator=(const ErrorLockHolder&) = delete;
+
+    private:
+        std::recursive_mutex* theLock;
+    };
+
+    // Runs body and swallows a platform::Exception thrown from it; any other
+    // thrown object passes on unchanged.
+    template <typename Body>
+    static void guarded(Body&& body)
+    {
+        try {
+            std::forward<Body>(body)();
+        } catch (const platform::Exception&) {
+            // Swallowed on purpose: logging and bookkeeping never raise.
+        }
+    }
 };

@@ -1,3 +1,451 @@
 #include "remover/TFRemoverTool.h"
 
+#include <cstdio>
+#include <dlfcn.h>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "fsutil/SetupQELAgent.h"
+#include "platform/Bundle.h"
+#include "platform/Exception.h"
+#include "platform/FileManager.h"
+#include "platform/Path.h"
+#include "platform/PropertyList.h"
+#include "platform/Scanner.h"
+#include "platform/Task.h"
+#include "platform/Text.h"
+#include "platform/Workspace.h"
+
+int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*) = nullptr;  // NOLINT
+
+namespace {
+
+using platform::FileManager;
+using platform::Workspace;
+using platform::WorkspaceOperation;
+
+constexpr char kDefaultAppParentPath[] = "/Applications/Corvane Lumidoc X Pro";
+constexpr char kInstallLogFolder[] = "/Library/Application Support/Corvane/Lumidoc/";
+constexpr char kInstallLogName[] = "uninstall.log";
+constexpr char kCompanionIdentifier[] = "com.corvane.ravelin";
+constexpr char kBrowserPluginPath[] = "/Library/Internet Plug-Ins/CorvanePDFViewer.plugin";
+constexpr char kBrowserPluginPreferencesPath[] = "/Library/Preferences/com.corvane.lumidoc.pdfviewer.plist";
+constexpr char kBrowserPluginAppKey[] = "WebBrowserUsePath";
+constexpr char kFileURLPrefix[] = "file://localhost";
+constexpr char kPackageToolPath[] = "/usr/sbin/pkgutil";
+constexpr char kApplicationPackage[] = "com.corvane.lumidoc.10.viewer.app.pkg";
+constexpr const char* kFurtherPackages[] = {
+    "com.corvane.lumidoc.10.viewer.preinstall.pkg",
+    "com.corvane.lumidoc.10.viewer.appsupport.pkg",
+    "com.corvane.lumidoc.10.viewer.browser.pkg",
+    "com.corvane.lumidoc.10.viewer.print_automator.pkg",
+    "com.corvane.lumidoc.10.viewer.print_pdf_services.pkg",
+    "com.corvane.lumidoc.10.viewer.preferences.pkg",
+    "com.corvane.lumidoc.a10.LumidocUpd1001",
+    "com.corvane.lumidoc.a10.LumidocSecUpd1002",
+    "com.corvane.lumidoc.a10.LumidocSecUpd1003",
+};
+constexpr const char* kPrintComponents[] = {
+    "/Library/Automator/Save as Corvane PDF.action",
+    "/Library/PDF Services/Save as Corvane PDF.app",
+};
+constexpr char kApplicationManagerReference[] =
+    "/Library/Application Support/Corvane/CorvaneApplicationManager/JEXRefs/com.corvane.Lumidoc_10.jexref";
+constexpr char kInstallManagerLibrary[] = "CorvaneHOV.dylib";
+constexpr char kInstallManagerEntry[] = "hov_uninstallCorvaneApplicationManager";
+constexpr int kCurrentMajorVersion = 10;
+
+// The element at index, or the platform's out-of-range exception.
+const std::string& elementAt(const std::vector<std::string>& pieces, std::size_t index)
+{
+    if (index >= pieces.size()) {
+        platform::Exception::raise(platform::kRangeException,
+                                   "index " + std::to_string(index) + " beyond bounds [0 .. " +
+                                       std::to_string(pieces.size()) + "]");
+    }
+    return pieces[index];
+}
+
+// Appends text used as its own format template with no arguments: "%%"
+// becomes "%", and any other conversion, lacking an argument, stays as
+// written. A text without a percent sign is appended unchanged.
+std::string appendingFormatWithoutArguments(const std::string& base, const std::string& formatText)
+{
+    std::string result = base;
+    for (std::size_t i = 0; i < formatText.size(); ++i) {
+        if (formatText[i] == '%' && i + 1 < formatText.size() && formatText[i + 1] == '%') {
+            result += '%';
+            ++i;
+        } else {
+            result += formatText[i];
+        }
+    }
+    return result;
+}
+
+// The name the library's status code is reported by, or none for success.
+const char* failingStatusName(int32_t status)
+{
+    switch (status) {
+    case -6: return "HOV_USTATUS_FATAL";
+    case -5: return "HOV_USTATUS_FAILED_TO_MOVE_JEX_DIRECTORY";
+    case -4: return "HOV_USTATUS_FAILED_TO_DEL_JEX_INVENTORY";
+    case -3: return "HOV_USTATUS_FAILED_TO_DEL_JEX_DIRECTORY";
+    case -2: return "HOV_USTATUS_DEPLOY_VALIDATION_FAILED";
+    case -1: return "HOV_USTATUS_FAILURE";
+    // "Ignore" is reported as a failure, and every code the table does not
+    // know counts as success: both are long-standing behaviour.
+    case 1: return "HOV_USTATUS_IGNORE";
+    default: return nullptr;
+    }
+}
+
+// The path of a file URL made from a path: relative paths are taken from the
+// current folder, and trailing slashes are dropped.
+std::string fileURLPath(const std::string& path)
+{
+    std::string absolute = path;
+    if (!platform::hasPrefix(path, "/")) {
+        absolute = platform::appendingPathComponent(std::filesystem::current_path().string(), path);
+    }
+    while (absolute.size() > 1 && absolute.back() == '/') {
+        absolute.pop_back();
+    }
+    return absolute;
+}
+
+}  // namespace
+
 TFRemoverTool::~TFRemoverTool() = default;
+
+void TFRemoverTool::setAppPath(const std::string& path)
+{
+    if (theAppPath && &path == &*theAppPath) {
+        return;
+    }
+    theAppPath = path;
+    theAppParentPath = platform::deletingLastPathComponent(path);
+}
+
+void TFRemoverTool::run()
+{
+    int32_t tag = 0;
+
+    const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
+    const std::optional<std::string> fileListPath =
+        mainBundle ? mainBundle->pathForResource("FileList", "txt") : std::nullopt;
+    const std::optional<std::string> productLogPath = productInstallLogPath();
+    const std::string companionLogPath = platform::appendingPathComponent(
+        platform::appendingPathComponent(kInstallLogFolder, kCompanionIdentifier), kInstallLogName);
+
+    removeInstallLog(productLogPath, &tag);
+    removeInstallLog(companionLogPath, &tag);
+    removeQELLaunchdAgent();
+    uninstallJEX();
+    forgetReceipts();
+    if (fileListPath) {
+        listToDelete(*fileListPath);
+    }
+    deletePrintComponents();
+    if (theAppParentPath == kDefaultAppParentPath) {
+        removeIconForFolder(*theAppParentPath);
+        deleteParentFolder(*theAppParentPath);
+    }
+}
+
+std::optional<std::string> TFRemoverTool::productInstallLogPath() const
+{
+    if (!theAppPath) {
+        return std::nullopt;
+    }
+    const std::optional<platform::Bundle> app = platform::Bundle::bundleWithPath(*theAppPath);
+    const std::optional<std::string> identifier = app ? app->bundleIdentifier() : std::nullopt;
+    if (!identifier) {
+        return std::nullopt;
+    }
+    return platform::appendingPathComponent(platform::appendingPathComponent(kInstallLogFolder, *identifier),
+                                            kInstallLogName);
+}
+
+void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag)
+{
+    bool isDirectory = false;
+    if (!logPath || !FileManager::defaultManager().fileExistsAtPath(*logPath, &isDirectory)) {
+        return;
+    }
+    listToDelete(*logPath);
+    printStatus(destroyItem(*logPath, tag) ? "Removed" : "ErrorRemovingFile", *logPath);
+}
+
+void TFRemoverTool::listToDelete(const std::string& listPath)
+{
+    // The list is read whole first, so a list that names its own file still
+    // runs to its end.
+    const std::optional<std::string> text = FileManager::defaultManager().contentsAtPath(listPath);
+    if (!text) {
+        return;
+    }
+
+    const bool pluginMayGo = shouldDeleteBrowserPlugin();
+    bool preferencesMet = false;
+    bool pluginMet = false;
+    int32_t tag = 0;
+
+    platform::Scanner lines(*text);
+    while (!lines.isAtEnd()) {
+        try {
+            std::string line;
+            if (!lines.scanUpToString("\n", &line)) {
+                break;
+            }
+            std::string field;
+            platform::Scanner(line).scanUpToString("\t", &field);
+
+            std::string path = platform::expandingTildeInPath(field);
+            if (!platform::isAbsolutePath(path)) {
+                path = platform::appendingPathComponent(theAppParentPath.value_or(""), field);
+            }
+
+            // Only the first occurrence of each protected path is guarded:
+            // once both have been met the comparisons stop for this list.
+            const bool isProtected = path == kBrowserPluginPreferencesPath || path == kBrowserPluginPath;
+            const bool skip = !pluginMayGo && !(preferencesMet && pluginMet) && isProtected;
+            if (!skip) {
+                bool isDirectory = false;
+                if (FileManager::defaultManager().fileExistsAtPath(path, &isDirectory)) {
+                    printStatus(destroyItem(path, &tag) ? "Removed" : "ErrorRemovingFile", path);
+                } else {
+                    printStatus("FileMissing", path);
+                }
+            }
+            if (!pluginMayGo) {
+                if (!preferencesMet && path == kBrowserPluginPreferencesPath) {
+                    preferencesMet = true;
+                }
+                if (!pluginMet && path == kBrowserPluginPath) {
+                    pluginMet = true;
+                }
+            }
+        } catch (const platform::Exception& exception) {
+            std::printf("Exception:  %s \n", exception.description().c_str());
+        }
+    }
+}
+
+bool TFRemoverTool::shouldDeleteBrowserPlugin()
+{
+    if (!FileManager::defaultManager().fileExistsAtPath(kBrowserPluginPreferencesPath)) {
+        return false;
+    }
+    const std::optional<platform::PropertyList> preferences =
+        platform::PropertyList::dictionaryWithContentsOfFile(kBrowserPluginPreferencesPath);
+    const platform::PropertyList* value = preferences ? preferences->objectForKey(kBrowserPluginAppKey) : nullptr;
+    if (value == nullptr) {
+        return false;
+    }
+    const std::string* escaped = value->asString();
+    if (escaped == nullptr) {
+        platform::Exception::raise(platform::kInvalidArgumentException,
+                                   std::string("value of ") + kBrowserPluginAppKey + " is not text");
+    }
+    const std::optional<std::string> url = platform::replacingPercentEscapes(*escaped);
+    if (!url || !platform::containsString(*url, kFileURLPrefix)) {
+        return false;
+    }
+    const std::vector<std::string> pieces = platform::componentsSeparatedByString(*url, kFileURLPrefix);
+    return theAppPath && elementAt(pieces, 1) == *theAppPath + "/";
+}
+
+bool TFRemoverTool::bundleVersionIsCurrent(const std::string& bundlePath)
+{
+    const std::optional<platform::Bundle> bundle = platform::Bundle::bundleWithPath(bundlePath);
+    const std::optional<platform::PropertyList> version =
+        bundle ? bundle->objectForInfoDictionaryKey("CFBundleVersion") : std::nullopt;
+    const std::string* text = version ? version->asString() : nullptr;
+    if (text == nullptr) {
+        return false;
+    }
+    const std::vector<std::string> pieces = platform::componentsSeparatedByString(*text, ".");
+    return platform::integerValue(pieces.front()) == kCurrentMajorVersion;
+}
+
+void TFRemoverTool::forgetPkgId(const std::string& pattern)
+{
+    platform::Task::launchedTaskWithLaunchPath(kPackageToolPath, {"--regexp", "--forget", pattern}).waitUntilExit();
+}
+
+std::string TFRemoverTool::obtainVolume()
+{
+    const std::vector<std::string> pieces = platform::componentsSeparatedByString(theAppPath.value_or(""), "/");
+    if (elementAt(pieces, 1) != "Volumes") {
+        return "/";
+    }
+    // Put together as "/" + name, then "Volumes" + that, then "/" + that;
+    // the appended texts serve as their own format templates.
+    const std::string name = appendingFormatWithoutArguments("/", elementAt(pieces, 2));
+    const std::string volumes = elementAt(pieces, 1) + name;
+    return appendingFormatWithoutArguments("/", volumes);
+}
+
+void TFRemoverTool::forgetReceipts()
+{
+    const std::string volume = obtainVolume();
+    platform::Task::launchedTaskWithLaunchPath(
+        kPackageToolPath, {"--regexp", "--forget", std::string(kApplicationPackage) + "*", "--volume", volume})
+        .waitUntilExit();
+    // The further packages are forgotten on the tool's default volume, even
+    // when the application lies on another one.
+    for (const char* package : kFurtherPackages) {
+        forgetPkgId(std::string(package) + "*");
+    }
+}
+
+void TFRemoverTool::deletePrintComponents()
+{
+    int32_t tag = 0;
+    for (const char* component : kPrintComponents) {
+        if (!FileManager::defaultManager().fileExistsAtPath(component)) {
+            printStatus("FileMissing", component);
+            continue;
+        }
+        // A component of another version is not ours to delete; it stays
+        // without a word.
+        if (!bundleVersionIsCurrent(component)) {
+            continue;
+        }
+        printStatus(destroyItem(component, &tag) ? "Removed" : "ErrorRemovingFile", component);
+    }
+}
+
+void TFRemoverTool::removeIconForFolder(const std::string& path)
+{
+    try {
+        bool isDirectory = false;
+        if (!FileManager::defaultManager().fileExistsAtPath(path, &isDirectory) || !isDirectory) {
+            return;
+        }
+        if (Workspace::sharedWorkspace().setIcon(nullptr, path, 0)) {
+            return;
+        }
+        std::printf("Cannot remove the image for %s.\n", path.c_str());
+    } catch (const platform::Exception& exception) {
+        std::printf("Exception caught: %s. Could not handle the image data.\n", exception.reason().c_str());
+    }
+}
+
+void TFRemoverTool::deleteParentFolder(const std::string& path)
+{
+    const FileManager& fileManager = FileManager::defaultManager();
+    bool isDirectory = false;
+    if (!fileManager.fileExistsAtPath(path, &isDirectory)) {
+        printStatus("FileMissing", path);
+        return;
+    }
+    if (!isDirectory) {
+        printStatus("MissingDirectory", path);
+        return;
+    }
+    // Every entry counts, hidden or not: nothing is removed to make the
+    // folder empty.
+    const std::optional<std::vector<std::string>> contents = fileManager.contentsOfDirectoryAtPath(path);
+    const bool removed = contents && contents->empty() && fileManager.removeItemAtPath(path);
+    printStatus(removed ? "Removed" : "ErrorRemovingFile", path);
+}
+
+void TFRemoverTool::uninstallJEX()
+{
+    int32_t tag = 0;
+    // No existence test first: the destroy operation's own result decides.
+    printStatus(destroyItem(kApplicationManagerReference, &tag) ? "Removed" : "ErrorRemovingFile",
+                kApplicationManagerReference);
+
+    const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
+    if (!mainBundle) {
+        printStatus("JEXUninstallFailed", "MISSING_BUNDLE");
+        return;
+    }
+    const std::optional<std::string> frameworks = mainBundle->privateFrameworksPath();
+    if (!frameworks) {
+        printStatus("JEXUninstallFailed", "MISSING_FRAMEWORKS");
+        return;
+    }
+    const std::string libraryPath = platform::appendingPathComponent(*frameworks, kInstallManagerLibrary);
+    if (!FileManager::defaultManager().fileExistsAtPath(libraryPath)) {
+        std::printf("%s %s:%s.\n", statusWord("JEXUninstallFailed").c_str(), "MISSING_CORVANEHOV",
+                    libraryPath.c_str());
+        return;
+    }
+    void* library = dlopen(libraryPath.c_str(), RTLD_LAZY);
+    if (library == nullptr) {
+        printStatus("JEXUninstallFailed", "NULL_HANDLE_TO_CORVANEHOV");
+        return;
+    }
+    // A library without the entry point is closed again without a word.
+    _hov_uninstallCorvaneApplicationManager =
+        reinterpret_cast<int32_t (*)(int32_t*)>(dlsym(library, kInstallManagerEntry));
+    if (_hov_uninstallCorvaneApplicationManager == nullptr) {
+        dlclose(library);
+        return;
+    }
+    int32_t detail = 0;
+    const int32_t status = _hov_uninstallCorvaneApplicationManager(&detail);
+    if (const char* name = failingStatusName(status)) {
+        printStatus("JEXUninstallFailed", name);
+    } else {
+        std::puts(statusWord("JEXUninstallSucceeded").c_str());
+    }
+    dlclose(library);
+}
+
+void TFRemoverTool::removeQELLaunchdAgent()
+{
+    // The agent's path is worked out here only to be reported; the shared
+    // code works out its own from the bundle. If that fails, the line shows
+    // the path as absent.
+    std::optional<std::string> plistPath;
+    bool succeeded = false;
+    try {
+        const std::string bundlePath = fileURLPath(theAppPath.value_or(""));
+        plistPath = QELAgentPlistPath(bundlePath);
+        if (const std::optional<platform::Bundle> bundle = platform::Bundle::bundleWithPath(bundlePath)) {
+            SetupQELAgent(*bundle, std::nullopt, false);
+            succeeded = true;
+        }
+    } catch (const platform::Exception&) {
+        succeeded = false;
+    }
+    // "Removed" says the removal ran to its end, not that a file went.
+    std::printf("%s %s.\n", statusWord(succeeded ? "Removed" : "ErrorRemovingFile").c_str(),
+                platform::utf8StringOrNull(plistPath));
+}
+
+bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
+{
+    return Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy,
+                                                             platform::deletingLastPathComponent(path), std::nullopt,
+                                                             {platform::lastPathComponent(path)}, tag);
+}
+
+std::string TFRemoverTool::statusWord(const char* key)
+{
+    // The strings table does not change during a run; a long list would
+    // otherwise read it once per line.
+    static std::mutex cacheLock;
+    static std::map<std::string, std::string, std::less<>> cache;
+    const std::lock_guard<std::mutex> guard(cacheLock);
+    const auto found = cache.find(key);
+    if (found != cache.end()) {
+        return found->second;
+    }
+    const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
+    std::string word = mainBundle ? mainBundle->localizedStringForKey(key) : std::string(key);
+    cache.emplace(key, word);
+    return word;
+}
+
+void TFRemoverTool::printStatus(const char* key, const std::string& subject)
+{
+    std::printf("%s %s.\n", statusWord(key).c_str(), subject.c_str());
+}

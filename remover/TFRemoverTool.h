@@ -1,8 +1,10 @@
 // The uninstaller: given the path of the installed application bundle, run()
 // removes what the suite's installers laid down, in a fixed order, printing
-// one status line per item on standard output. No failure stops the sequence.
+// one status line per item on standard output. No failure stops the
+// sequence; nothing is retried.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -18,23 +20,57 @@ public:
     // The whole removal sequence, each step once, in order.
     void run();
 
-    // Removes every path a list file names (install log or the bundle's own
-    // list), keeping the browser plug-in and its preference file unless they
-    // belong to this application.
+    // Install logs and the bundle's own list.
+    // Removes every path a list file names, keeping the browser plug-in and
+    // its preference file unless they belong to this application.
     void listToDelete(const std::string& listPath);
     // True when the plug-in's preference file names this application.
+    // Throws platform::Exception when the named value is not text.
     bool shouldDeleteBrowserPlugin();
     // True when the bundle's version is of major version 10.
     bool bundleVersionIsCurrent(const std::string& bundlePath);
+
+    // Package receipts.
+    // Has the package tool forget every receipt the pattern matches as a
+    // regular expression, on the tool's default volume.
+    void forgetPkgId(const std::string& pattern);
+    // "/" or "/Volumes/<name>" for the volume that holds theAppPath. Throws
+    // platform::Exception (NSRangeException) on a path with too few pieces.
+    std::string obtainVolume();
+
+    // Print components and the application folder.
+    void deletePrintComponents();
+    void removeIconForFolder(const std::string& path);
+    void deleteParentFolder(const std::string& path);
+
+    // The application manager, through the maker's library in the bundle.
+    void uninstallJEX();
+
+    // The updater's per-user launch agent for this application.
+    void removeQELLaunchdAgent();
 
     const std::optional<std::string>& appPath() const noexcept { return theAppPath; }
     const std::optional<std::string>& appParentPath() const noexcept { return theAppParentPath; }
 
 private:
     // Prints "<status word> <subject>.\n", the word looked up by key in the
-    // main bundle's strings table.
+    // main bundle's strings table (the key itself where there is none).
     static void printStatus(const char* key, const std::string& subject);
+    static std::string statusWord(const char* key);
+    // Destroys the item at path through the workspace; true on success.
+    static bool destroyItem(const std::string& path, int32_t* tag);
+    // An install log: its entries, then the log itself. Silent when missing.
+    void removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag);
+    // The product's install log, named by the application bundle's
+    // identifier; none when the bundle cannot be opened or has none.
+    std::optional<std::string> productInstallLogPath() const;
+    void forgetReceipts();
 
     std::optional<std::string> theAppParentPath;
     std::optional<std::string> theAppPath;
 };
+
+// The library's entry point as last resolved by uninstallJEX. The name is the
+// one the maker's callers share; it dangles once the library is closed.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+extern int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*);

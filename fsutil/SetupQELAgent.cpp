@@ -1,0 +1,158 @@
+#include "fsutil/SetupQELAgent.h"
+
+#include <vector>
+
+#include "fsutil/QELUHash.h"
+#include "platform/Exception.h"
+#include "platform/FileManager.h"
+#include "platform/Path.h"
+#include "platform/PropertyList.h"
+#include "platform/Task.h"
+#include "platform/Text.h"
+#include "platform/User.h"
+
+namespace {
+
+using platform::FileManager;
+using platform::PropertyList;
+
+constexpr char kAgentLabelPrefix[] = "com.corvane.QEL.";
+constexpr char kAgentsFolderName[] = "LaunchAgents";
+constexpr char kOtherVolumesPrefix[] = "/Volumes/";
+constexpr char kHelperFolder[] = "Contents/MacOS/Updater";
+constexpr char kHelperSuffix[] = " Updater Helper.app";
+constexpr int64_t kUpdateIntervalSeconds = 12600;
+
+std::string userLibraryFolder()
+{
+    const std::vector<std::string> folders = platform::searchPathForDirectoriesInDomains(
+        platform::SearchPathDirectory::Library, platform::SearchPathDomainMask::User, true);
+    if (folders.empty()) {
+        platform::Exception::raise(platform::kRangeException, "index 0 beyond bounds for empty array");
+    }
+    return folders.front();
+}
+
+// The text of a property-list value that must be text.
+const std::string& requireString(const PropertyList& value, const char* what)
+{
+    const std::string* text = value.asString();
+    if (text == nullptr) {
+        platform::Exception::raise(platform::kInvalidArgumentException, std::string(what) + " is not text");
+    }
+    return *text;
+}
+
+void runLaunchctl(const char* verb, const std::string& plistPath)
+{
+    platform::Task::launchedTaskWithLaunchPath(kLaunchctl_ToolPath, {verb, plistPath}).waitUntilExit();
+}
+
+// An agent counts as stale when it is of the family and its program is gone.
+// Programs on other volumes are never judged: the volume may just be absent.
+bool isStaleAgent(const std::string& plistPath)
+{
+    const std::optional<PropertyList> agent = PropertyList::dictionaryWithContentsOfFile(plistPath);
+    if (!agent) {
+        return false;
+    }
+    const PropertyList* label = agent->objectForKey("Label");
+    if (label == nullptr || !platform::hasPrefix(requireString(*label, "Label"), kAgentLabelPrefix)) {
+        return false;
+    }
+    const PropertyList* arguments = agent->objectForKey("ProgramArguments");
+    if (arguments == nullptr) {
+        return false;
+    }
+    const PropertyList::Array* list = arguments->asArray();
+    if (list == nullptr) {
+        platform::Exception::raise(platform::kInvalidArgumentException, "ProgramArguments is not an array");
+    }
+    if (list->empty()) {
+        platform::Exception::raise(platform::kRangeException, "index 0 beyond bounds for empty array");
+    }
+    const std::string& program = requireString(list->front(), "the first program argument");
+    if (platform::hasPrefix(program, kOtherVolumesPrefix)) {
+        return false;
+    }
+    return !FileManager::defaultManager().fileExistsAtPath(program);
+}
+
+void installAgent(const std::string& bundlePath, const std::optional<std::string>& appName,
+                  const std::string& label, const std::string& plistPath)
+{
+    if (!appName) {
+        platform::Exception::raise(platform::kInvalidArgumentException, "no application name to find the helper");
+    }
+    const std::string helperPath =
+        platform::appendingPathComponent(platform::appendingPathComponent(bundlePath, kHelperFolder),
+                                         *appName + kHelperSuffix);
+    const std::optional<platform::Bundle> helper = platform::Bundle::bundleWithPath(helperPath);
+    const std::optional<std::string> executable = helper ? helper->executablePath() : std::nullopt;
+    if (!executable) {
+        platform::Exception::raise(platform::kInvalidArgumentException,
+                                   "the updater helper has no executable: " + helperPath);
+    }
+    const PropertyList agent = PropertyList::dictionary({
+        {"Label", PropertyList::string(label)},
+        {"ProgramArguments", PropertyList::array({PropertyList::string(*executable)})},
+        {"RunAtLoad", PropertyList::boolean(true)},
+        {"StartInterval", PropertyList::integer(kUpdateIntervalSeconds)},
+    });
+    agent.writeToFile(plistPath, false);
+    runLaunchctl(kLaunchctl_Arg_load, plistPath);
+}
+
+}  // namespace
+
+std::string QELAgentPlistPath(const std::string& bundlePath)
+{
+    const std::string agents = platform::appendingPathComponent(userLibraryFolder(), kAgentsFolderName);
+    const std::string label = kAgentLabelPrefix + QELUHashOfAppPath(bundlePath);
+    return platform::appendingPathComponent(agents, platform::appendingPathExtension(label, "plist"));
+}
+
+void SetupQELAgent(const platform::Bundle& bundle, const std::optional<std::string>& appName, bool install)
+{
+    const FileManager& fileManager = FileManager::defaultManager();
+    const std::string& bundlePath = bundle.bundlePath();
+    const std::string library = userLibraryFolder();
+    const std::string agents = platform::appendingPathComponent(library, kAgentsFolderName);
+    const std::string label = kAgentLabelPrefix + QELUHashOfAppPath(bundlePath);
+    const std::string plistPath =
+        platform::appendingPathComponent(agents, platform::appendingPathExtension(label, "plist"));
+
+    bool isDirectory = false;
+    if (!fileManager.fileExistsAtPath(library, &isDirectory) || !isDirectory) {
+        return;
+    }
+    if (fileManager.fileExistsAtPath(agents, &isDirectory)) {
+        if (!isDirectory) {
+            return;
+        }
+    } else if (!fileManager.createDirectoryAtPath(agents)) {
+        return;
+    }
+
+    // Gather first, remove afterwards: nothing changes under the walk.
+    std::vector<std::string> stale;
+    for (const std::string& entry : fileManager.enumeratorAtPath(agents).value_or(std::vector<std::string>{})) {
+        const std::string candidate = platform::appendingPathComponent(agents, entry);
+        if (isStaleAgent(candidate)) {
+            stale.push_back(candidate);
+        }
+    }
+    for (const std::string& agent : stale) {
+        runLaunchctl(kLaunchctl_Arg_unload, agent);
+        fileManager.removeItemAtPath(agent);
+    }
+
+    if (install) {
+        if (!fileManager.fileExistsAtPath(plistPath)) {
+            installAgent(bundlePath, appName, label, plistPath);
+        }
+    } else if (fileManager.fileExistsAtPath(plistPath)) {
+        runLaunchctl(kLaunchctl_Arg_unload, plistPath);
+        fileManager.removeItemAtPath(plistPath);
+    }
+}

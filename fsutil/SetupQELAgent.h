@@ -1,0 +1,30 @@
+// The updater's per-user launch agent, shared with the updater side.
+//
+// One application bundle at one path owns one agent, labelled
+// "com.corvane.QEL." + the SHA-224 of the bundle path (56 hex digits), in
+// <user Library>/LaunchAgents/<label>.plist. Both modes first sweep stale
+// agents of the family: any agent there whose label has the family prefix
+// and whose program is missing (unless it lies under "/Volumes/") is
+// unloaded and deleted.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "platform/Bundle.h"
+
+inline constexpr char kLaunchctl_ToolPath[] = "/bin/launchctl";
+inline constexpr char kLaunchctl_Arg_unload[] = "unload";
+inline constexpr char kLaunchctl_Arg_load[] = "load";
+
+// install true: writes and loads the agent for the bundle's helper
+// application "<bundle>/Contents/MacOS/Updater/<appName> Updater Helper.app"
+// unless one is there already. install false: unloads and deletes the
+// bundle's agent if there is one. Failures other than exceptions are silent;
+// platform::Exception propagates (a hash failure, a malformed agent, a
+// launch failure), abandoning the call.
+void SetupQELAgent(const platform::Bundle& bundle, const std::optional<std::string>& appName, bool install);
+
+// The agent property-list path for a bundle path. Throws what the hash of
+// the path throws.
+std::string QELAgentPlistPath(const std::string& bundlePath);

@@ -1,0 +1,164 @@
+#include "platform/Bundle.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <utility>
+#include <vector>
+
+#include "platform/Path.h"
+#include "platform/StringsTable.h"
+
+namespace platform {
+
+namespace {
+
+bool isDirectory(const std::string& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+bool exists(const std::string& path)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0;
+}
+
+std::optional<std::string> runningExecutablePath()
+{
+    std::vector<char> buffer(4096);
+    for (;;) {
+        const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
+        if (length < 0) {
+            return std::nullopt;
+        }
+        if (static_cast<size_t>(length) < buffer.size()) {
+            return std::string(buffer.data(), static_cast<size_t>(length));
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+// X.app for X.app/Contents/MacOS/n; otherwise the executable's folder.
+std::string bundleFolderOfExecutable(const std::string& executable)
+{
+    std::string macOS = deletingLastPathComponent(executable);
+    const std::string contents = deletingLastPathComponent(macOS);
+    if (lastPathComponent(macOS) == "MacOS" && lastPathComponent(contents) == "Contents") {
+        std::string bundle = deletingLastPathComponent(contents);
+        if (!bundle.empty() && bundle != contents) {
+            return bundle;
+        }
+    }
+    return macOS;
+}
+
+}  // namespace
+
+Bundle::Bundle(std::string path) : thePath(std::move(path)) {}
+
+std::optional<Bundle> Bundle::bundleWithPath(const std::string& path)
+{
+    if (path.empty() || !isDirectory(path)) {
+        return std::nullopt;
+    }
+    std::string standardized = path;
+    while (standardized.size() > 1 && standardized.back() == '/') {
+        standardized.pop_back();
+    }
+    return Bundle(std::move(standardized));
+}
+
+std::optional<Bundle> Bundle::mainBundle()
+{
+    const auto executable = runningExecutablePath();
+    if (!executable) {
+        return std::nullopt;
+    }
+    return bundleWithPath(bundleFolderOfExecutable(*executable));
+}
+
+std::optional<PropertyList> Bundle::infoDictionary() const
+{
+    return PropertyList::dictionaryWithContentsOfFile(
+        appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Info.plist"));
+}
+
+std::optional<PropertyList> Bundle::objectForInfoDictionaryKey(std::string_view key) const
+{
+    const auto info = infoDictionary();
+    if (!info) {
+        return std::nullopt;
+    }
+    const PropertyList* value = info->objectForKey(key);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    return *value;
+}
+
+std::optional<std::string> Bundle::bundleIdentifier() const
+{
+    const auto value = objectForInfoDictionaryKey("CFBundleIdentifier");
+    if (!value || value->asString() == nullptr) {
+        return std::nullopt;
+    }
+    return *value->asString();
+}
+
+std::optional<std::string> Bundle::pathForResource(std::string_view name, std::string_view type) const
+{
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    std::string fileName(name);
+    if (!type.empty()) {
+        fileName = appendingPathExtension(fileName, type);
+    }
+    const std::string resources = appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Resources");
+    for (const std::string& folder : {resources, appendingPathComponent(resources, "English.lproj")}) {
+        std::string candidate = appendingPathComponent(folder, fileName);
+        if (exists(candidate)) {
+            return candidate;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string Bundle::localizedStringForKey(std::string_view key) const
+{
+    const std::string tablePath = appendingPathComponent(
+        appendingPathComponent(appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Resources"),
+                               "English.lproj"),
+        "Localizable.strings");
+    const auto table = StringsTable::readFromFile(tablePath);
+    if (table) {
+        auto found = table->find(key);
+        if (found != table->end()) {
+            return found->second;
+        }
+    }
+    return std::string(key);
+}
+
+std::optional<std::string> Bundle::executablePath() const
+{
+    const auto value = objectForInfoDictionaryKey("CFBundleExecutable");
+    if (!value || value->asString() == nullptr || value->asString()->empty()) {
+        return std::nullopt;
+    }
+    std::string path = appendingPathComponent(
+        appendingPathComponent(appendingPathComponent(thePath, "Contents"), "MacOS"), *value->asString());
+    if (!exists(path)) {
+        return std::nullopt;
+    }
+    return path;
+}
+
+std::optional<std::string> Bundle::privateFrameworksPath() const
+{
+    return appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Frameworks");
+}
+
+}  // namespace platform

@@ -1,0 +1,438 @@
+#include "platform/PropertyList.h"
+
+#include <plist/plist.h>
+
+#include <cerrno>
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <fcntl.h>
+#include <limits>
+#include <unistd.h>
+#include <utility>
+#include <variant>
+
+namespace platform {
+
+struct PropertyList::Storage {
+    template <typename T, typename V>
+    Storage(Type kind, std::in_place_type_t<T> alternative, V&& initial)
+        : type(kind), value(alternative, std::forward<V>(initial))
+    {
+    }
+
+    Type type;
+    // Real and Date both keep a double; type tells them apart.
+    std::variant<std::string, int64_t, double, bool, std::vector<uint8_t>, Array, Dictionary> value;
+};
+
+namespace {
+
+// Seconds between 1970-01-01 and 2001-01-01, the reference date of libplist.
+constexpr double kSecondsFrom1970To2001 = 978307200.0;
+// Deeper nesting than this is treated as a damaged file.
+constexpr int kMaximumDepth = 512;
+
+struct PlistFree {
+    void operator()(void* node) const noexcept { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistHandle = std::unique_ptr<void, PlistFree>;
+
+std::optional<PropertyList> fromNode(plist_t node, int depth);
+
+std::optional<PropertyList> arrayFromNode(plist_t node, int depth)
+{
+    PropertyList::Array items;
+    const uint32_t count = plist_array_get_size(node);
+    items.reserve(count);
+    for (uint32_t i = 0; i < count; ++i) {
+        auto item = fromNode(plist_array_get_item(node, i), depth + 1);
+        if (!item) {
+            return std::nullopt;
+        }
+        items.push_back(std::move(*item));
+    }
+    return PropertyList::array(std::move(items));
+}
+
+std::optional<PropertyList> dictionaryFromNode(plist_t node, int depth)
+{
+    PropertyList::Dictionary entries;
+    plist_dict_iter iter = nullptr;
+    plist_dict_new_iter(node, &iter);
+    if (iter == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<PropertyList> result;
+    bool failed = false;
+    for (;;) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(node, iter, &key, &value);
+        if (value == nullptr) {
+            free(key);
+            break;
+        }
+        std::string keyText = key != nullptr ? key : "";
+        free(key);
+        auto item = fromNode(value, depth + 1);
+        if (!item) {
+            failed = true;
+            break;
+        }
+        entries.insert_or_assign(std::move(keyText), std::move(*item));
+    }
+    free(iter);
+    if (failed) {
+        return std::nullopt;
+    }
+    return PropertyList::dictionary(std::move(entries));
+}
+
+std::optional<PropertyList> fromNode(plist_t node, int depth)
+{
+    if (node == nullptr || depth > kMaximumDepth) {
+        return std::nullopt;
+    }
+    switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+        uint8_t value = 0;
+        plist_get_bool_val(node, &value);
+        return PropertyList::boolean(value != 0);
+    }
+    case PLIST_UINT:
+    case PLIST_UID: {
+        uint64_t value = 0;
+        if (plist_get_node_type(node) == PLIST_UID) {
+            plist_get_uid_val(node, &value);
+        } else {
+            plist_get_uint_val(node, &value);
+        }
+        // libplist keeps negative integers in two's complement.
+        return PropertyList::integer(static_cast<int64_t>(value));
+    }
+    case PLIST_REAL: {
+        double value = 0;
+        plist_get_real_val(node, &value);
+        return PropertyList::real(value);
+    }
+    case PLIST_STRING: {
+        uint64_t length = 0;
+        const char* text = plist_get_string_ptr(node, &length);
+        return PropertyList::string(text != nullptr ? std::string(text, length) : std::string());
+    }
+    case PLIST_DATA: {
+        uint64_t length = 0;
+        const char* bytes = plist_get_data_ptr(node, &length);
+        std::vector<uint8_t> value;
+        if (bytes != nullptr) {
+            value.assign(reinterpret_cast<const uint8_t*>(bytes), reinterpret_cast<const uint8_t*>(bytes) + length);
+        }
+        return PropertyList::data(std::move(value));
+    }
+    case PLIST_DATE: {
+        int32_t seconds = 0;
+        int32_t microseconds = 0;
+        plist_get_date_val(node, &seconds, &microseconds);
+        return PropertyList::date(kSecondsFrom1970To2001 + static_cast<double>(seconds) +
+                                  static_cast<double>(microseconds) / 1e6);
+    }
+    case PLIST_ARRAY:
+        return arrayFromNode(node, depth);
+    case PLIST_DICT:
+        return dictionaryFromNode(node, depth);
+    default:
+        return std::nullopt;
+    }
+}
+
+plist_t newDateNode(double secondsSince1970)
+{
+    double since2001 = secondsSince1970 - kSecondsFrom1970To2001;
+    if (!std::isfinite(since2001)) {
+        since2001 = 0;
+    }
+    double whole = std::floor(since2001);
+    auto microseconds = static_cast<int64_t>(std::llround((since2001 - whole) * 1e6));
+    if (microseconds >= 1000000) {
+        whole += 1;
+        microseconds -= 1000000;
+    }
+    constexpr double lowest = std::numeric_limits<int32_t>::min();
+    constexpr double highest = std::numeric_limits<int32_t>::max();
+    if (whole < lowest) {
+        whole = lowest;
+        microseconds = 0;
+    } else if (whole > highest) {
+        whole = highest;
+        microseconds = 0;
+    }
+    return plist_new_date(static_cast<int32_t>(whole), static_cast<int32_t>(microseconds));
+}
+
+// Builds the libplist tree of a value; the caller owns the result.
+plist_t toNode(const PropertyList& value)
+{
+    switch (value.type()) {
+    case PropertyList::Type::String:
+        return plist_new_string(value.asString()->c_str());
+    case PropertyList::Type::Integer:
+        return plist_new_uint(static_cast<uint64_t>(*value.asInteger()));
+    case PropertyList::Type::Real:
+        return plist_new_real(*value.asReal());
+    case PropertyList::Type::Boolean:
+        return plist_new_bool(*value.asBoolean() ? 1 : 0);
+    case PropertyList::Type::Date:
+        return newDateNode(*value.asDate());
+    case PropertyList::Type::Data: {
+        const auto& bytes = *value.asData();
+        return plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    }
+    case PropertyList::Type::Array: {
+        plist_t node = plist_new_array();
+        for (const auto& item : *value.asArray()) {
+            plist_array_append_item(node, toNode(item));
+        }
+        return node;
+    }
+    case PropertyList::Type::Dictionary: {
+        plist_t node = plist_new_dict();
+        for (const auto& [key, item] : *value.asDictionary()) {
+            plist_dict_set_item(node, key.c_str(), toNode(item));
+        }
+        return node;
+    }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+PropertyList::PropertyList(std::shared_ptr<const Storage> storage) : theStorage(std::move(storage)) {}
+
+PropertyList PropertyList::string(std::string value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::String, std::in_place_type<std::string>, std::move(value)));
+}
+
+PropertyList PropertyList::integer(int64_t value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Integer, std::in_place_type<int64_t>, value));
+}
+
+PropertyList PropertyList::real(double value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Real, std::in_place_type<double>, value));
+}
+
+PropertyList PropertyList::boolean(bool value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Boolean, std::in_place_type<bool>, value));
+}
+
+PropertyList PropertyList::date(double secondsSince1970)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Date, std::in_place_type<double>, secondsSince1970));
+}
+
+PropertyList PropertyList::data(std::vector<uint8_t> value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Data, std::in_place_type<std::vector<uint8_t>>, std::move(value)));
+}
+
+PropertyList PropertyList::array(Array value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Array, std::in_place_type<Array>, std::move(value)));
+}
+
+PropertyList PropertyList::dictionary(Dictionary value)
+{
+    return PropertyList(std::make_shared<const Storage>(Type::Dictionary, std::in_place_type<Dictionary>, std::move(value)));
+}
+
+PropertyList::Type PropertyList::type() const noexcept
+{
+    return theStorage->type;
+}
+
+const std::string* PropertyList::asString() const noexcept
+{
+    return std::get_if<std::string>(&theStorage->value);
+}
+
+const int64_t* PropertyList::asInteger() const noexcept
+{
+    return std::get_if<int64_t>(&theStorage->value);
+}
+
+const double* PropertyList::asReal() const noexcept
+{
+    return theStorage->type == Type::Real ? std::get_if<double>(&theStorage->value) : nullptr;
+}
+
+const bool* PropertyList::asBoolean() const noexcept
+{
+    return std::get_if<bool>(&theStorage->value);
+}
+
+const double* PropertyList::asDate() const noexcept
+{
+    return theStorage->type == Type::Date ? std::get_if<double>(&theStorage->value) : nullptr;
+}
+
+const std::vector<uint8_t>* PropertyList::asData() const noexcept
+{
+    return std::get_if<std::vector<uint8_t>>(&theStorage->value);
+}
+
+const PropertyList::Array* PropertyList::asArray() const noexcept
+{
+    return std::get_if<Array>(&theStorage->value);
+}
+
+const PropertyList::Dictionary* PropertyList::asDictionary() const noexcept
+{
+    return std::get_if<Dictionary>(&theStorage->value);
+}
+
+const PropertyList* PropertyList::objectForKey(std::string_view key) const noexcept
+{
+    const Dictionary* entries = asDictionary();
+    if (entries == nullptr) {
+        return nullptr;
+    }
+    auto found = entries->find(key);
+    return found != entries->end() ? &found->second : nullptr;
+}
+
+std::optional<PropertyList> PropertyList::fromBytes(std::string_view bytes)
+{
+    if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) {
+        return std::nullopt;
+    }
+    plist_t root = nullptr;
+    plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
+    const PlistHandle owner(root);
+    return fromNode(root, 0);
+}
+
+std::optional<PropertyList> PropertyList::readFromFile(const std::string& path)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    std::string bytes;
+    char buffer[65536];
+    bool failed = false;
+    for (;;) {
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count > 0) {
+            bytes.append(buffer, static_cast<size_t>(count));
+        } else if (count == 0) {
+            break;
+        } else if (errno != EINTR) {
+            failed = true;
+            break;
+        }
+    }
+    ::close(fd);
+    if (failed) {
+        return std::nullopt;
+    }
+    return fromBytes(bytes);
+}
+
+std::optional<PropertyList> PropertyList::dictionaryWithContentsOfFile(const std::string& path)
+{
+    auto value = readFromFile(path);
+    if (!value || value->type() != Type::Dictionary) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::string PropertyList::toXML() const
+{
+    const PlistHandle root(toNode(*this));
+    char* xml = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(static_cast<plist_t>(root.get()), &xml, &length);
+    if (xml == nullptr) {
+        return {};
+    }
+    std::string text(xml, length);
+    plist_to_xml_free(xml);
+    return text;
+}
+
+namespace {
+
+bool writeAll(int fd, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        bytes.remove_prefix(static_cast<size_t>(count));
+    }
+    return true;
+}
+
+// Creates a new file next to path, mode 0666 less the umask; -1 on failure.
+int createTemporarySibling(const std::string& path, std::string& temporaryPath)
+{
+    static std::atomic<unsigned> counter{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temporaryPath = path + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter++);
+        const int fd = ::open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd >= 0 || errno != EEXIST) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+}  // namespace
+
+bool PropertyList::writeToFile(const std::string& path, bool atomically) const
+{
+    const std::string xml = toXML();
+    if (xml.empty()) {
+        return false;
+    }
+    if (!atomically) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0) {
+            return false;
+        }
+        const bool written = writeAll(fd, xml);
+        return (::close(fd) == 0) && written;
+    }
+    std::string temporaryPath;
+    const int fd = createTemporarySibling(path, temporaryPath);
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = writeAll(fd, xml) && ::fsync(fd) == 0;
+    ok = (::close(fd) == 0) && ok;
+    if (ok && ::rename(temporaryPath.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    ::unlink(temporaryPath.c_str());
+    return false;
+}
+
+bool PropertyList::operator==(const PropertyList& other) const
+{
+    if (theStorage == other.theStorage) {
+        return true;
+    }
+    return theStorage->type == other.theStorage->type && theStorage->value == other.theStorage->value;
+}
+
+}  // namespace platform

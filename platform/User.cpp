@@ -1,0 +1,90 @@
+#include "platform/User.h"
+
+#include "platform/Path.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+namespace platform {
+
+namespace {
+
+struct PasswordEntry {
+    std::string name;
+    std::string home;
+};
+
+// Looks up an entry with getpwuid_r / getpwnam_r, growing the buffer as asked.
+template <typename Lookup>
+std::optional<PasswordEntry> lookUpEntry(Lookup lookup)
+{
+    long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 1024);
+    for (;;) {
+        passwd entry{};
+        passwd* found = nullptr;
+        const int status = lookup(&entry, buffer.data(), buffer.size(), &found);
+        if (status == ERANGE && buffer.size() < (std::size_t{1} << 20)) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (status != 0 || found == nullptr) {
+            return std::nullopt;
+        }
+        return PasswordEntry{found->pw_name != nullptr ? found->pw_name : "",
+                             found->pw_dir != nullptr ? found->pw_dir : ""};
+    }
+}
+
+std::optional<PasswordEntry> effectiveUserEntry()
+{
+    const uid_t uid = geteuid();
+    return lookUpEntry([uid](passwd* entry, char* buffer, std::size_t size, passwd** found) {
+        return getpwuid_r(uid, entry, buffer, size, found);
+    });
+}
+
+}  // namespace
+
+std::string userName()
+{
+    const auto entry = effectiveUserEntry();
+    return entry ? entry->name : std::string();
+}
+
+std::string homeDirectory()
+{
+    const auto entry = effectiveUserEntry();
+    return entry ? entry->home : std::string();
+}
+
+std::optional<std::string> homeDirectoryForUser(const std::string& name)
+{
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    const auto entry = lookUpEntry([&name](passwd* pw, char* buffer, std::size_t size, passwd** found) {
+        return getpwnam_r(name.c_str(), pw, buffer, size, found);
+    });
+    if (!entry) {
+        return std::nullopt;
+    }
+    return entry->home;
+}
+
+std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory,
+                                                           SearchPathDomainMask domains, bool expandTilde)
+{
+    if (directory != SearchPathDirectory::Library || domains != SearchPathDomainMask::User) {
+        return {};
+    }
+    if (!expandTilde) {
+        return {"~/Library"};
+    }
+    return {appendingPathComponent(homeDirectory(), "Library")};
+}
+
+}  // namespace platform

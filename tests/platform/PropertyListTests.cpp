@@ -1,0 +1,337 @@
+#include "platform/PropertyList.h"
+
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <limits>
+#include <string>
+
+#include "tests/support/TempDir.h"
+
+using platform::PropertyList;
+
+namespace {
+
+// 2023-11-14 22:13:20 UTC
+constexpr double kSomeDate = 1700000000.0;
+
+PropertyList::Dictionary nestedEntries()
+{
+    PropertyList::Dictionary inner;
+    inner.emplace("list", PropertyList::array({PropertyList::integer(1),
+                                               PropertyList::array({PropertyList::string("deep")}),
+                                               PropertyList::dictionary({})}));
+    inner.emplace("flag", PropertyList::boolean(false));
+    return inner;
+}
+
+// One value of every kind, with nested arrays and dictionaries.
+PropertyList everyKindOfValue()
+{
+    PropertyList::Dictionary entries;
+    entries.emplace("string", PropertyList::string("caf\xC3\xA9 <&> \"quoted\""));
+    entries.emplace("empty string", PropertyList::string(""));
+    entries.emplace("integer", PropertyList::integer(42));
+    entries.emplace("negative", PropertyList::integer(-7));
+    entries.emplace("largest", PropertyList::integer(std::numeric_limits<int64_t>::max()));
+    entries.emplace("smallest", PropertyList::integer(std::numeric_limits<int64_t>::min()));
+    entries.emplace("real", PropertyList::real(0.1));
+    entries.emplace("negative real", PropertyList::real(-2.5e-300));
+    entries.emplace("true", PropertyList::boolean(true));
+    entries.emplace("false", PropertyList::boolean(false));
+    entries.emplace("date", PropertyList::date(kSomeDate));
+    entries.emplace("data", PropertyList::data({0x00, 0x01, 0xFE, 0xFF}));
+    entries.emplace("empty data", PropertyList::data({}));
+    entries.emplace("array", PropertyList::array({PropertyList::string("a"), PropertyList::integer(2)}));
+    entries.emplace("empty array", PropertyList::array({}));
+    entries.emplace("dictionary", PropertyList::dictionary(nestedEntries()));
+    return PropertyList::dictionary(std::move(entries));
+}
+
+struct PlistFree {
+    void operator()(void* node) const noexcept { plist_free(static_cast<plist_t>(node)); }
+};
+using PlistHandle = std::unique_ptr<void, PlistFree>;
+
+// The libplist tree of everyKindOfValue(), built by hand.
+PlistHandle everyKindOfValueAsLibplistTree()
+{
+    plist_t root = plist_new_dict();
+    plist_dict_set_item(root, "string", plist_new_string("caf\xC3\xA9 <&> \"quoted\""));
+    plist_dict_set_item(root, "empty string", plist_new_string(""));
+    plist_dict_set_item(root, "integer", plist_new_uint(42));
+    plist_dict_set_item(root, "negative", plist_new_uint(static_cast<uint64_t>(int64_t{-7})));
+    plist_dict_set_item(root, "largest", plist_new_uint(static_cast<uint64_t>(std::numeric_limits<int64_t>::max())));
+    plist_dict_set_item(root, "smallest", plist_new_uint(static_cast<uint64_t>(std::numeric_limits<int64_t>::min())));
+    plist_dict_set_item(root, "real", plist_new_real(0.1));
+    plist_dict_set_item(root, "negative real", plist_new_real(-2.5e-300));
+    plist_dict_set_item(root, "true", plist_new_bool(1));
+    plist_dict_set_item(root, "false", plist_new_bool(0));
+    // libplist counts dates from 2001-01-01.
+    plist_dict_set_item(root, "date", plist_new_date(static_cast<int32_t>(kSomeDate - 978307200.0), 0));
+    plist_dict_set_item(root, "data", plist_new_data("\x00\x01\xFE\xFF", 4));
+    plist_dict_set_item(root, "empty data", plist_new_data("", 0));
+    plist_t array = plist_new_array();
+    plist_array_append_item(array, plist_new_string("a"));
+    plist_array_append_item(array, plist_new_uint(2));
+    plist_dict_set_item(root, "array", array);
+    plist_dict_set_item(root, "empty array", plist_new_array());
+    plist_t list = plist_new_array();
+    plist_array_append_item(list, plist_new_uint(1));
+    plist_t deep = plist_new_array();
+    plist_array_append_item(deep, plist_new_string("deep"));
+    plist_array_append_item(list, deep);
+    plist_array_append_item(list, plist_new_dict());
+    plist_t inner = plist_new_dict();
+    plist_dict_set_item(inner, "list", list);
+    plist_dict_set_item(inner, "flag", plist_new_bool(0));
+    plist_dict_set_item(root, "dictionary", inner);
+    return PlistHandle(root);
+}
+
+std::string binaryBytes(const PlistHandle& tree)
+{
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(static_cast<plist_t>(tree.get()), &bytes, &length);
+    std::string result(bytes, length);
+    plist_to_bin_free(bytes);
+    return result;
+}
+
+std::string xmlBytes(const PlistHandle& tree)
+{
+    char* bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_xml(static_cast<plist_t>(tree.get()), &bytes, &length);
+    std::string result(bytes, length);
+    plist_to_xml_free(bytes);
+    return result;
+}
+
+}  // namespace
+
+TEST(PropertyListTest, TypedViewsAnswerOnlyTheirOwnType)
+{
+    const auto text = PropertyList::string("x");
+    ASSERT_NE(text.asString(), nullptr);
+    EXPECT_EQ(*text.asString(), "x");
+    EXPECT_EQ(text.type(), PropertyList::Type::String);
+    EXPECT_EQ(text.asInteger(), nullptr);
+    EXPECT_EQ(text.asDictionary(), nullptr);
+
+    const auto real = PropertyList::real(1.5);
+    const auto date = PropertyList::date(1.5);
+    ASSERT_NE(real.asReal(), nullptr);
+    EXPECT_EQ(*real.asReal(), 1.5);
+    EXPECT_EQ(real.asDate(), nullptr);
+    ASSERT_NE(date.asDate(), nullptr);
+    EXPECT_EQ(*date.asDate(), 1.5);
+    EXPECT_EQ(date.asReal(), nullptr);
+    EXPECT_EQ(date.type(), PropertyList::Type::Date);
+
+    const auto flag = PropertyList::boolean(true);
+    ASSERT_NE(flag.asBoolean(), nullptr);
+    EXPECT_TRUE(*flag.asBoolean());
+    EXPECT_EQ(flag.asInteger(), nullptr);
+
+    const auto bytes = PropertyList::data({1, 2});
+    ASSERT_NE(bytes.asData(), nullptr);
+    EXPECT_EQ(bytes.asData()->size(), 2U);
+    EXPECT_EQ(bytes.asArray(), nullptr);
+
+    const auto list = PropertyList::array({PropertyList::integer(3)});
+    ASSERT_NE(list.asArray(), nullptr);
+    EXPECT_EQ(*list.asArray()->at(0).asInteger(), 3);
+}
+
+TEST(PropertyListTest, ObjectForKeyFindsDictionaryEntriesOnly)
+{
+    const auto value = everyKindOfValue();
+    const PropertyList* integer = value.objectForKey("integer");
+    ASSERT_NE(integer, nullptr);
+    EXPECT_EQ(*integer->asInteger(), 42);
+    EXPECT_EQ(value.objectForKey("no such key"), nullptr);
+    EXPECT_EQ(PropertyList::array({}).objectForKey("integer"), nullptr);
+    EXPECT_EQ(PropertyList::string("integer").objectForKey("integer"), nullptr);
+}
+
+TEST(PropertyListTest, EqualityComparesTypeAndContentsDeeply)
+{
+    EXPECT_EQ(everyKindOfValue(), everyKindOfValue());
+    EXPECT_FALSE(PropertyList::real(5) == PropertyList::date(5));
+    EXPECT_FALSE(PropertyList::integer(1) == PropertyList::boolean(true));
+    EXPECT_FALSE(PropertyList::string("a") == PropertyList::string("b"));
+
+    auto changed = nestedEntries();
+    changed.insert_or_assign("flag", PropertyList::boolean(true));
+    EXPECT_FALSE(PropertyList::dictionary(nestedEntries()) == PropertyList::dictionary(changed));
+    changed = nestedEntries();
+    changed.insert_or_assign("extra", PropertyList::integer(0));
+    EXPECT_FALSE(PropertyList::dictionary(nestedEntries()) == PropertyList::dictionary(changed));
+    EXPECT_FALSE(PropertyList::array({PropertyList::integer(1)}) ==
+                 PropertyList::array({PropertyList::integer(1), PropertyList::integer(1)}));
+}
+
+TEST(PropertyListTest, EveryTypeRoundTripsThroughAnXMLFile)
+{
+    testsupport::TempDir dir;
+    const auto original = everyKindOfValue();
+    ASSERT_TRUE(original.writeToFile(dir.at("all.plist"), true));
+    const auto read = PropertyList::readFromFile(dir.at("all.plist"));
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, original);
+    EXPECT_EQ(testsupport::readFile(dir.at("all.plist")).rfind("<?xml", 0), 0U);
+}
+
+TEST(PropertyListTest, EveryTypeRoundTripsThroughXMLBytes)
+{
+    const auto original = everyKindOfValue();
+    const auto read = PropertyList::fromBytes(original.toXML());
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, original);
+}
+
+TEST(PropertyListTest, ReadsEveryTypeFromABinaryFile)
+{
+    testsupport::TempDir dir;
+    const std::string bytes = binaryBytes(everyKindOfValueAsLibplistTree());
+    ASSERT_EQ(bytes.rfind("bplist00", 0), 0U);
+    testsupport::writeFile(dir.at("all.plist"), bytes);
+    const auto read = PropertyList::readFromFile(dir.at("all.plist"));
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, everyKindOfValue());
+}
+
+TEST(PropertyListTest, ReadsEveryTypeFromXMLWrittenByLibplist)
+{
+    const auto read = PropertyList::fromBytes(xmlBytes(everyKindOfValueAsLibplistTree()));
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, everyKindOfValue());
+}
+
+TEST(PropertyListTest, DateKeepsFractionalSecondsThroughBinary)
+{
+    PlistHandle tree(plist_new_date(100, 500000));
+    const auto read = PropertyList::fromBytes(binaryBytes(tree));
+    ASSERT_TRUE(read.has_value());
+    ASSERT_NE(read->asDate(), nullptr);
+    EXPECT_DOUBLE_EQ(*read->asDate(), 978307200.0 + 100.5);
+}
+
+TEST(PropertyListTest, ReadsHandWrittenXML)
+{
+    const std::string xml = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+  <key>Name</key><string>R&amp;D</string>
+  <key>Count</key><integer>-12</integer>
+  <key>Ratio</key><real>2.5</real>
+  <key>On</key><true/>
+  <key>When</key><date>2023-11-14T22:13:20Z</date>
+  <key>Blob</key><data>AAH+/w==</data>
+  <key>Items</key><array><string>one</string><dict><key>k</key><false/></dict></array>
+</dict>
+</plist>
+)";
+    const auto read = PropertyList::fromBytes(xml);
+    ASSERT_TRUE(read.has_value());
+    ASSERT_EQ(read->type(), PropertyList::Type::Dictionary);
+    EXPECT_EQ(*read->objectForKey("Name")->asString(), "R&D");
+    EXPECT_EQ(*read->objectForKey("Count")->asInteger(), -12);
+    EXPECT_EQ(*read->objectForKey("Ratio")->asReal(), 2.5);
+    EXPECT_TRUE(*read->objectForKey("On")->asBoolean());
+    EXPECT_EQ(*read->objectForKey("When")->asDate(), kSomeDate);
+    EXPECT_EQ(*read->objectForKey("Blob")->asData(), (std::vector<uint8_t>{0x00, 0x01, 0xFE, 0xFF}));
+    const auto* items = read->objectForKey("Items")->asArray();
+    ASSERT_NE(items, nullptr);
+    ASSERT_EQ(items->size(), 2U);
+    EXPECT_EQ(*items->at(0).asString(), "one");
+    EXPECT_FALSE(*items->at(1).objectForKey("k")->asBoolean());
+}
+
+TEST(PropertyListTest, ScalarAtTheTopIsAccepted)
+{
+    const auto read = PropertyList::fromBytes("<plist version=\"1.0\"><string>alone</string></plist>");
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, PropertyList::string("alone"));
+}
+
+TEST(PropertyListTest, ToXMLEscapesMarkupCharacters)
+{
+    const std::string xml = PropertyList::string("a<b&c").toXML();
+    EXPECT_NE(xml.find("<string>a&lt;b&amp;c</string>"), std::string::npos) << xml;
+}
+
+TEST(PropertyListTest, MissingFileGivesNone)
+{
+    testsupport::TempDir dir;
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("missing.plist")).has_value());
+    EXPECT_FALSE(PropertyList::dictionaryWithContentsOfFile(dir.at("missing.plist")).has_value());
+}
+
+TEST(PropertyListTest, GarbageFileGivesNone)
+{
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("garbage.plist"), "this is not a property list\n");
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("garbage.plist")).has_value());
+    testsupport::writeFile(dir.at("broken.plist"), "bplist00\x01\x02\x03 truncated");
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("broken.plist")).has_value());
+    testsupport::writeFile(dir.at("empty.plist"), "");
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("empty.plist")).has_value());
+}
+
+TEST(PropertyListTest, FolderIsNotAPropertyList)
+{
+    testsupport::TempDir dir;
+    EXPECT_FALSE(PropertyList::readFromFile(dir.path()).has_value());
+}
+
+TEST(PropertyListTest, DictionaryWithContentsOfFileRequiresADictionaryAtTheTop)
+{
+    testsupport::TempDir dir;
+    ASSERT_TRUE(PropertyList::array({PropertyList::string("x")}).writeToFile(dir.at("array.plist"), true));
+    EXPECT_TRUE(PropertyList::readFromFile(dir.at("array.plist")).has_value());
+    EXPECT_FALSE(PropertyList::dictionaryWithContentsOfFile(dir.at("array.plist")).has_value());
+
+    ASSERT_TRUE(PropertyList::string("x").writeToFile(dir.at("string.plist"), false));
+    EXPECT_FALSE(PropertyList::dictionaryWithContentsOfFile(dir.at("string.plist")).has_value());
+
+    ASSERT_TRUE(everyKindOfValue().writeToFile(dir.at("dict.plist"), false));
+    const auto read = PropertyList::dictionaryWithContentsOfFile(dir.at("dict.plist"));
+    ASSERT_TRUE(read.has_value());
+    EXPECT_EQ(*read, everyKindOfValue());
+}
+
+TEST(PropertyListTest, AtomicWriteReplacesTheFileAndLeavesNothingElse)
+{
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("prefs.plist"), "old contents");
+    ASSERT_TRUE(PropertyList::integer(5).writeToFile(dir.at("prefs.plist"), true));
+    EXPECT_EQ(*PropertyList::readFromFile(dir.at("prefs.plist")), PropertyList::integer(5));
+    int entries = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+        (void)entry;
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1);
+}
+
+TEST(PropertyListTest, NonAtomicWriteOverwritesALongerFile)
+{
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("prefs.plist"), std::string(10000, 'x'));
+    ASSERT_TRUE(PropertyList::integer(5).writeToFile(dir.at("prefs.plist"), false));
+    EXPECT_EQ(*PropertyList::readFromFile(dir.at("prefs.plist")), PropertyList::integer(5));
+}
+
+TEST(PropertyListTest, WriteIntoAMissingFolderFails)
+{
+    testsupport::TempDir dir;
+    EXPECT_FALSE(PropertyList::integer(5).writeToFile(dir.at("no/such/folder.plist"), true));
+    EXPECT_FALSE(PropertyList::integer(5).writeToFile(dir.at("no/such/folder.plist"), false));
+    EXPECT_FALSE(std::filesystem::exists(dir.at("no")));
+}

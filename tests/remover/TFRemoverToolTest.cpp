@@ -1,0 +1,392 @@
+// Unit tests of the remover's operations on temporary folders. The test
+// executable is not inside a bundle, so status words print as their keys.
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <string>
+#include <unistd.h>
+
+#include "platform/Exception.h"
+#include "platform/Workspace.h"
+#include "remover/TFRemoverTool.h"
+#include "tests/support/TempDir.h"
+
+using testsupport::TempDir;
+using testsupport::writeFile;
+
+namespace {
+
+std::string runCapturingOutput(const std::function<void()>& body)
+{
+    std::fflush(stdout);
+    testing::internal::CaptureStdout();
+    body();
+    std::fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
+bool exists(const std::string& path)
+{
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
+
+// A workspace whose operations throw what the test chooses.
+class ThrowingWorkspace : public platform::Workspace {
+public:
+    explicit ThrowingWorkspace(std::function<void()> thrower) : theThrower(std::move(thrower)) {}
+    bool performFileOperation(platform::WorkspaceOperation, const std::string&, const std::optional<std::string>&,
+                              const std::vector<std::string>&, int32_t*) override
+    {
+        theThrower();
+        return false;
+    }
+    bool setIcon(std::nullptr_t, const std::string&, unsigned) override
+    {
+        theThrower();
+        return false;
+    }
+
+private:
+    std::function<void()> theThrower;
+};
+
+class WorkspaceOverride {
+public:
+    explicit WorkspaceOverride(platform::Workspace* workspace) { platform::Workspace::setSharedWorkspaceForTesting(workspace); }
+    ~WorkspaceOverride() { platform::Workspace::setSharedWorkspaceForTesting(nullptr); }
+    WorkspaceOverride(const WorkspaceOverride&) = delete;
+    WorkspaceOverride& operator=(const WorkspaceOverride&) = delete;
+};
+
+std::unique_ptr<TFRemoverTool> removerFor(const std::string& appPath)
+{
+    auto remover = std::make_unique<TFRemoverTool>();
+    remover->setAppPath(appPath);
+    return remover;
+}
+
+}  // namespace
+
+TEST(SetAppPath, ParentIsThePathLessItsLastComponent)
+{
+    TFRemoverTool remover;
+    remover.setAppPath("/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app");
+    EXPECT_EQ(*remover.appPath(), "/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app");
+    EXPECT_EQ(*remover.appParentPath(), "/Applications/Corvane Lumidoc X Pro");
+}
+
+TEST(SetAppPath, TrailingSlashIsDroppedBeforeTheParentIsTaken)
+{
+    TFRemoverTool remover;
+    remover.setAppPath("/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app/");
+    EXPECT_EQ(*remover.appPath(), "/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app/");
+    EXPECT_EQ(*remover.appParentPath(), "/Applications/Corvane Lumidoc X Pro");
+}
+
+TEST(SetAppPath, SettingTheHeldPathAgainKeepsIt)
+{
+    TFRemoverTool remover;
+    remover.setAppPath("/A/B.app");
+    remover.setAppPath(*remover.appPath());
+    EXPECT_EQ(*remover.appPath(), "/A/B.app");
+    EXPECT_EQ(*remover.appParentPath(), "/A");
+}
+
+TEST(ObtainVolume, StartupVolumeApplicationGivesRoot)
+{
+    auto remover = removerFor("/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app");
+    EXPECT_EQ(remover->obtainVolume(), "/");
+}
+
+TEST(ObtainVolume, LowerCaseVolumesIsNotAnotherVolume)
+{
+    auto remover = removerFor("/volumes/Backup/App.app");
+    EXPECT_EQ(remover->obtainVolume(), "/");
+}
+
+TEST(ObtainVolume, RelativePathIsJudgedByItsSecondPiece)
+{
+    auto remover = removerFor("Volumes/Backup/App.app");
+    EXPECT_EQ(remover->obtainVolume(), "/");
+}
+
+TEST(ObtainVolume, ApplicationInAVolumeRootGivesThatVolume)
+{
+    auto remover = removerFor("/Volumes/Backup/App.app");
+    EXPECT_EQ(remover->obtainVolume(), "/Volumes/Backup");
+}
+
+TEST(ObtainVolume, ApplicationDeeperInAVolumeGivesThatVolume)
+{
+    auto remover = removerFor("/Volumes/Backup/Applications/App.app");
+    EXPECT_EQ(remover->obtainVolume(), "/Volumes/Backup");
+}
+
+TEST(ObtainVolume, VolumeNameWithoutPercentSignComesOutUnchanged)
+{
+    auto remover = removerFor("/Volumes/My Disk 2/App.app");
+    EXPECT_EQ(remover->obtainVolume(), "/Volumes/My Disk 2");
+}
+
+TEST(ObtainVolume, VolumeNameIsItsOwnFormatTemplate)
+{
+    auto remover = removerFor("/Volumes/100%% Disk/App.app");
+    EXPECT_EQ(remover->obtainVolume(), "/Volumes/100% Disk");
+}
+
+TEST(ObtainVolume, PathWithoutSlashRaisesIndexOutOfRange)
+{
+    auto remover = removerFor("App.app");
+    try {
+        remover->obtainVolume();
+        FAIL() << "no exception";
+    } catch (const platform::Exception& exception) {
+        EXPECT_EQ(exception.name(), "NSRangeException");
+    }
+}
+
+TEST(ObtainVolume, VolumesWithoutANameRaisesIndexOutOfRange)
+{
+    auto remover = removerFor("/Volumes");
+    EXPECT_THROW(remover->obtainVolume(), platform::Exception);
+}
+
+class BundleVersionTest : public testing::Test {
+protected:
+    std::string bundleWithVersion(const std::string& version)
+    {
+        const std::string path = dir.at("Component.app");
+        writeFile(path + "/Contents/Info.plist",
+                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                  "<key>CFBundleVersion</key><string>" + version + "</string></dict></plist>\n");
+        return path;
+    }
+    TempDir dir;
+    TFRemoverTool remover;
+};
+
+TEST_F(BundleVersionTest, MajorVersionTenIsCurrent)
+{
+    EXPECT_TRUE(remover.bundleVersionIsCurrent(bundleWithVersion("10")));
+}
+
+TEST_F(BundleVersionTest, DottedVersionTenIsCurrent)
+{
+    EXPECT_TRUE(remover.bundleVersionIsCurrent(bundleWithVersion("10.0.3")));
+}
+
+TEST_F(BundleVersionTest, LettersAfterTheMajorNumberAreIgnored)
+{
+    EXPECT_TRUE(remover.bundleVersionIsCurrent(bundleWithVersion("10b2")));
+}
+
+TEST_F(BundleVersionTest, LeadingBlanksAndSignAreRead)
+{
+    EXPECT_TRUE(remover.bundleVersionIsCurrent(bundleWithVersion(" +10.1")));
+}
+
+TEST_F(BundleVersionTest, OlderVersionIsNotCurrent)
+{
+    EXPECT_FALSE(remover.bundleVersionIsCurrent(bundleWithVersion("9.4.1")));
+}
+
+TEST_F(BundleVersionTest, NewerVersionIsNotCurrent)
+{
+    EXPECT_FALSE(remover.bundleVersionIsCurrent(bundleWithVersion("11.0")));
+}
+
+TEST_F(BundleVersionTest, BundleWithoutVersionIsNotCurrent)
+{
+    writeFile(dir.at("Bare.app/Contents/Info.plist"),
+              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict></dict></plist>");
+    EXPECT_FALSE(remover.bundleVersionIsCurrent(dir.at("Bare.app")));
+}
+
+TEST_F(BundleVersionTest, MissingBundleIsNotCurrent)
+{
+    EXPECT_FALSE(remover.bundleVersionIsCurrent(dir.at("Nowhere.app")));
+}
+
+class ListToDeleteTest : public testing::Test {
+protected:
+    std::string run(const std::string& listText)
+    {
+        writeFile(listPath, listText);
+        return runCapturingOutput([&] { remover.listToDelete(listPath); });
+    }
+    TempDir dir;
+    std::string listPath = dir.at("lists/uninstall.log");
+    TFRemoverTool remover;
+    void SetUp() override { remover.setAppPath(dir.at("Apps/App.app")); }
+};
+
+TEST_F(ListToDeleteTest, UnreadableListPrintsNothing)
+{
+    EXPECT_EQ(runCapturingOutput([&] { remover.listToDelete(dir.at("no-such.log")); }), "");
+}
+
+TEST_F(ListToDeleteTest, BlankLinesOnlyPrintNothing)
+{
+    EXPECT_EQ(run("\n   \n\t\n\r\n"), "");
+}
+
+TEST_F(ListToDeleteTest, TextAfterTheFirstTabIsIgnored)
+{
+    writeFile(dir.at("Foo"), "x");
+    EXPECT_EQ(run("   " + dir.at("Foo") + "\tfile\t0644\n"), "Removed " + dir.at("Foo") + ".\n");
+    EXPECT_FALSE(exists(dir.at("Foo")));
+}
+
+TEST_F(ListToDeleteTest, CarriageReturnStaysPartOfThePath)
+{
+    writeFile(dir.at("Foo"), "x");
+    EXPECT_EQ(run(dir.at("Foo") + "\r\n"), "FileMissing " + dir.at("Foo") + "\r.\n");
+    EXPECT_TRUE(exists(dir.at("Foo")));
+}
+
+TEST_F(ListToDeleteTest, RelativeEntryResolvesAgainstTheApplicationFolder)
+{
+    writeFile(dir.at("Apps/Foo.app/Contents/Info.plist"), "x");
+    EXPECT_EQ(run("Foo.app\n"), "Removed " + dir.at("Apps/Foo.app") + ".\n");
+    EXPECT_FALSE(exists(dir.at("Apps/Foo.app")));
+}
+
+TEST_F(ListToDeleteTest, FolderBeforeItsContentsLeavesTheContentsMissing)
+{
+    writeFile(dir.at("Tree/a"), "a");
+    writeFile(dir.at("Tree/b"), "b");
+    EXPECT_EQ(run(dir.at("Tree") + "\n" + dir.at("Tree/a") + "\n" + dir.at("Tree/b") + "\n"),
+              "Removed " + dir.at("Tree") + ".\nFileMissing " + dir.at("Tree/a") + ".\nFileMissing " +
+                  dir.at("Tree/b") + ".\n");
+}
+
+TEST_F(ListToDeleteTest, ListNamingItselfIsReadWholeFirst)
+{
+    writeFile(dir.at("after"), "x");
+    EXPECT_EQ(run(listPath + "\n" + dir.at("after") + "\n"),
+              "Removed " + listPath + ".\nRemoved " + dir.at("after") + ".\n");
+    EXPECT_FALSE(exists(listPath));
+    EXPECT_FALSE(exists(dir.at("after")));
+}
+
+TEST_F(ListToDeleteTest, DanglingLinkCountsAsMissingAndStays)
+{
+    ASSERT_EQ(symlink(dir.at("gone").c_str(), dir.at("link").c_str()), 0);
+    EXPECT_EQ(run(dir.at("link") + "\n"), "FileMissing " + dir.at("link") + ".\n");
+    EXPECT_TRUE(exists(dir.at("link")));
+}
+
+TEST_F(ListToDeleteTest, PathListedTwiceIsMissingTheSecondTime)
+{
+    writeFile(dir.at("twice"), "x");
+    EXPECT_EQ(run(dir.at("twice") + "\n" + dir.at("twice") + "\n"),
+              "Removed " + dir.at("twice") + ".\nFileMissing " + dir.at("twice") + ".\n");
+}
+
+TEST_F(ListToDeleteTest, PlatformExceptionPrintsItsDescriptionAndTheListGoesOn)
+{
+    writeFile(dir.at("one"), "1");
+    writeFile(dir.at("two"), "2");
+    int calls = 0;
+    ThrowingWorkspace workspace([&] {
+        ++calls;
+        platform::Exception::raise("TestException", "destroy refused " + std::to_string(calls));
+    });
+    const WorkspaceOverride override(&workspace);
+    EXPECT_EQ(run(dir.at("one") + "\n" + dir.at("two") + "\n"),
+              "Exception:  destroy refused 1 \nException:  destroy refused 2 \n");
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(ListToDeleteTest, OtherThrownTypesLeaveTheList)
+{
+    writeFile(dir.at("one"), "1");
+    writeFile(dir.at("two"), "2");
+    int calls = 0;
+    ThrowingWorkspace workspace([&] {
+        ++calls;
+        throw std::runtime_error("not the platform's");
+    });
+    const WorkspaceOverride override(&workspace);
+    writeFile(listPath, dir.at("one") + "\n" + dir.at("two") + "\n");
+    EXPECT_THROW(remover.listToDelete(listPath), std::runtime_error);
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(RemoveIconForFolder, PlatformExceptionPrintsTheCaughtLineAndReturns)
+{
+    TempDir dir;
+    ThrowingWorkspace workspace([] { platform::Exception::raise("TestException", "icon refused"); });
+    const WorkspaceOverride override(&workspace);
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.removeIconForFolder(dir.path()); }),
+              "Exception caught: icon refused. Could not handle the image data.\n");
+}
+
+TEST(RemoveIconForFolder, OtherThrownTypesPassOn)
+{
+    TempDir dir;
+    ThrowingWorkspace workspace([] { throw std::logic_error("foreign"); });
+    const WorkspaceOverride override(&workspace);
+    TFRemoverTool remover;
+    EXPECT_THROW(remover.removeIconForFolder(dir.path()), std::logic_error);
+}
+
+TEST(RemoveIconForFolder, IconThatCannotBeRemovedIsReported)
+{
+    TempDir dir;
+    writeFile(dir.at("Icon\r/inside"), "a folder where the icon file should be");
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.removeIconForFolder(dir.path()); }),
+              "Cannot remove the image for " + dir.path() + ".\n");
+}
+
+TEST(RemoveIconForFolder, CustomIconIsCleared)
+{
+    TempDir dir;
+    writeFile(dir.at("Icon\r"), "icon");
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.removeIconForFolder(dir.path()); }), "");
+    EXPECT_FALSE(exists(dir.at("Icon\r")));
+}
+
+TEST(DeleteParentFolder, FolderHoldingOnlyAHiddenFileStays)
+{
+    TempDir dir;
+    writeFile(dir.at("App/.hidden"), "");
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+              "ErrorRemovingFile " + dir.at("App") + ".\n");
+    EXPECT_TRUE(exists(dir.at("App/.hidden")));
+}
+
+TEST(DeleteParentFolder, EmptyFolderIsRemoved)
+{
+    TempDir dir;
+    std::filesystem::create_directory(dir.at("App"));
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+              "Removed " + dir.at("App") + ".\n");
+    EXPECT_FALSE(exists(dir.at("App")));
+}
+
+TEST(DeleteParentFolder, PlainFileIsReportedAsMissingDirectoryAndStays)
+{
+    TempDir dir;
+    writeFile(dir.at("App"), "");
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+              "MissingDirectory " + dir.at("App") + ".\n");
+    EXPECT_TRUE(exists(dir.at("App")));
+}
+
+TEST(DeleteParentFolder, MissingFolderIsReportedMissing)
+{
+    TempDir dir;
+    TFRemoverTool remover;
+    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+              "FileMissing " + dir.at("App") + ".\n");
+}
