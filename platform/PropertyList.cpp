@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <limits>
 #include <unistd.h>
+#include <unordered_set>
 #include <utility>
 #include <variant>
 
@@ -144,6 +145,73 @@ std::optional<PropertyList> fromNode(plist_t node, int depth)
     default:
         return std::nullopt;
     }
+}
+
+// A big-endian unsigned number of width bytes at offset; none when it does
+// not fit in bytes.
+std::optional<uint64_t> bigEndianAt(std::string_view bytes, uint64_t offset, uint64_t width)
+{
+    if (width == 0 || width > 8 || offset > bytes.size() || width > bytes.size() - offset) {
+        return std::nullopt;
+    }
+    uint64_t value = 0;
+    for (uint64_t i = 0; i < width; ++i) {
+        value = (value << 8) | static_cast<unsigned char>(bytes[offset + i]);
+    }
+    return value;
+}
+
+// libplist 2.2 aborts on an assertion when a dictionary key read from a
+// UTF-16 string of a binary property list holds a NUL character. Such a
+// file is damaged for our purposes: true when no UTF-16 string object holds
+// a NUL, or when the object table cannot be walked (libplist rejects that).
+bool binaryStringsAreFreeOfNUL(std::string_view bytes)
+{
+    constexpr uint64_t trailerSize = 32;
+    if (bytes.size() < 8 + trailerSize) {
+        return true;
+    }
+    const uint64_t trailer = bytes.size() - trailerSize;
+    const auto offsetSize = bigEndianAt(bytes, trailer + 6, 1);
+    const auto objectCount = bigEndianAt(bytes, trailer + 8, 8);
+    const auto tableOffset = bigEndianAt(bytes, trailer + 24, 8);
+    if (!offsetSize || !objectCount || !tableOffset || *offsetSize == 0 || *offsetSize > 8 ||
+        *tableOffset > trailer || *objectCount > (trailer - *tableOffset) / *offsetSize) {
+        return true;
+    }
+    std::unordered_set<uint64_t> scanned;
+    for (uint64_t index = 0; index < *objectCount; ++index) {
+        const auto offset = bigEndianAt(bytes, *tableOffset + index * *offsetSize, *offsetSize);
+        const auto marker = offset ? bigEndianAt(bytes, *offset, 1) : std::nullopt;
+        if (!marker || (*marker >> 4) != 0x6 || !scanned.insert(*offset).second) {
+            continue;
+        }
+        uint64_t units = *marker & 0x0F;
+        uint64_t start = *offset + 1;
+        if (units == 0x0F) {
+            const auto sizeMarker = bigEndianAt(bytes, start, 1);
+            if (!sizeMarker || (*sizeMarker >> 4) != 0x1 || (*sizeMarker & 0x0F) > 3) {
+                continue;
+            }
+            const uint64_t width = uint64_t{1} << (*sizeMarker & 0x0F);
+            const auto count = bigEndianAt(bytes, start + 1, width);
+            if (!count) {
+                continue;
+            }
+            units = *count;
+            start += 1 + width;
+        }
+        for (uint64_t unit = 0; unit < units; ++unit) {
+            const auto value = bigEndianAt(bytes, start + 2 * unit, 2);
+            if (!value) {
+                break;
+            }
+            if (*value == 0) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 plist_t newDateNode(double secondsSince1970)
@@ -308,6 +376,10 @@ const PropertyList* PropertyList::objectForKey(std::string_view key) const noexc
 std::optional<PropertyList> PropertyList::fromBytes(std::string_view bytes)
 {
     if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) {
+        return std::nullopt;
+    }
+    if (plist_is_binary(bytes.data(), static_cast<uint32_t>(bytes.size())) != 0 &&
+        !binaryStringsAreFreeOfNUL(bytes)) {
         return std::nullopt;
     }
     plist_t root = nullptr;

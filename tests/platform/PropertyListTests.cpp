@@ -284,6 +284,19 @@ TEST(PropertyListTest, GarbageFileGivesNone)
     EXPECT_FALSE(PropertyList::readFromFile(dir.at("empty.plist")).has_value());
 }
 
+TEST(PropertyListTest, BinaryStringHoldingANULCharacterIsDamaged)
+{
+    // A key stored as UTF-16 (it is not ASCII), its one unit then zeroed.
+    PlistHandle tree(plist_new_dict());
+    plist_dict_set_item(static_cast<plist_t>(tree.get()), "\xC3\xA9", plist_new_string("value"));
+    std::string bytes = binaryBytes(tree);
+    const size_t key = bytes.find(std::string("\x61\x00\xE9", 3));
+    ASSERT_NE(key, std::string::npos);
+    ASSERT_TRUE(PropertyList::fromBytes(bytes).has_value());
+    bytes[key + 2] = '\0';
+    EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
 TEST(PropertyListTest, FolderIsNotAPropertyList)
 {
     testsupport::TempDir dir;
