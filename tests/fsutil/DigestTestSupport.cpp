@@ -1,16 +1,24 @@
 #include "tests/fsutil/DigestTestSupport.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <any>
 #include <cerrno>
 #include <csignal>
 #include <sstream>
 #include <stdexcept>
 
+#include "base/QELBaseConstants.h"
 #include "fsutil/Sha256.h"
+#include "platform/Error.h"
+#include "platform/Exception.h"
+#include "platform/UserDefaults.h"
 
 extern char** environ;
 
@@ -235,6 +243,63 @@ std::string OpensslDigestPipe::finish()
 std::string qelutilPath()
 {
     return std::string(REMOVER_BUNDLE_PATH) + "/Contents/MacOS/qelutil";
+}
+
+CommandResult runQelutil(const std::vector<std::string>& arguments, const std::vector<std::string>& visiblePaths,
+                         const std::string& stdinText)
+{
+    const passwd* user = getpwuid(geteuid());
+    if (user == nullptr || user->pw_dir == nullptr) {
+        throw std::runtime_error("no home folder for the running user");
+    }
+    const testsupport::TempDir home;
+    std::vector<std::string> sandbox = {"--ro-bind", "/", "/", "--tmpfs", "/tmp", "--bind", home.path(), user->pw_dir,
+                                        // The bundle stays visible wherever it was built.
+                                        "--ro-bind", REMOVER_BUNDLE_PATH, REMOVER_BUNDLE_PATH};
+    for (const std::string& path : visiblePaths) {
+        sandbox.insert(sandbox.end(), {"--ro-bind", path, path});
+    }
+    sandbox.emplace_back("--");
+    sandbox.push_back(qelutilPath());
+    sandbox.insert(sandbox.end(), arguments.begin(), arguments.end());
+    return runCommand("bwrap", sandbox, stdinText);
+}
+
+std::vector<std::string> linesOf(const std::string& text)
+{
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+int32_t fatalErrorCodeRaisedBy(const std::function<void()>& fn)
+{
+    try {
+        fn();
+    } catch (const platform::Exception& exception) {
+        EXPECT_EQ(exception.name(), QEL_FATAL_EXCEPTION_NAME);
+        const auto found = exception.userInfo().find(QEL_ERROR_KEY);
+        if (found == exception.userInfo().end()) {
+            return 0;
+        }
+        const auto* error = std::any_cast<platform::Error>(&found->second);
+        return error != nullptr ? error->code() : 0;
+    }
+    ADD_FAILURE() << "nothing was raised";
+    return 0;
+}
+
+void useCommandLineSettings(std::vector<std::string> arguments)
+{
+    const std::string appTypeKey = std::string("-") + APP_TYPE_KEY;
+    if (std::find(arguments.begin(), arguments.end(), appTypeKey) == arguments.end()) {
+        arguments.insert(arguments.end(), {appTypeKey, "Digest Test"});
+    }
+    platform::UserDefaults::standardUserDefaults().setArgumentDomainFromArguments(arguments);
 }
 
 }  // namespace digesttest

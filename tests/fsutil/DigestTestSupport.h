@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -65,5 +66,25 @@ private:
 
 // The qelutil executable of the built bundle.
 std::string qelutilPath();
+
+// Runs the built qelutil in a sandbox: the file system read-only, a fresh
+// /tmp, and an empty home folder of its own bound over the running user's
+// home, so that no stored setting of this machine takes part and nothing is
+// written outside. Each path in visiblePaths is bound into the sandbox at the
+// same place, read-only.
+CommandResult runQelutil(const std::vector<std::string>& arguments, const std::vector<std::string>& visiblePaths = {},
+                         const std::string& stdinText = "");
+
+// The lines of text, without their line ends.
+std::vector<std::string> linesOf(const std::string& text);
+
+// The fatal exception of the error model that fn raises; fails the test and
+// gives 0 when it raises nothing or something else. Otherwise the code of the
+// error carried under "QELErrorKey" (0 without one).
+int32_t fatalErrorCodeRaisedBy(const std::function<void()>& fn);
+
+// Gives this process the command-line settings arguments ("-Key value"
+// pairs), with an application type of its own unless they name one.
+void useCommandLineSettings(std::vector<std::string> arguments);
 
 }  // namespace digesttest

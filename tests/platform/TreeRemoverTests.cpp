@@ -306,6 +306,9 @@ TEST(TreeRemover, FolderMovedOutOfTheItemDuringTheWalkDoesNotLeadTheWalkOutside)
 {
     TempDir dir;
     writeFile(dir.at("outside/keep"), "keep");
+    // Named like the folders of the chain: a walk that climbed into the wrong
+    // folder would remove it.
+    makeDirectories(dir.at("outside/d"));
     makeDirectories(dir.at("item"));
     ASSERT_TRUE(buildChain(dir.at("item"), 12));
     // Two open ancestors: the folders high above the deepest one are reopened
@@ -324,6 +327,7 @@ TEST(TreeRemover, FolderMovedOutOfTheItemDuringTheWalkDoesNotLeadTheWalkOutside)
     EXPECT_TRUE(moved);
     EXPECT_EQ(readFile(dir.at("outside/keep")), "keep");
     EXPECT_TRUE(present(dir.at("outside/moved")));
+    EXPECT_TRUE(present(dir.at("outside/d")));
     EXPECT_TRUE(present(dir.at("item/d/d")));
 }
 
