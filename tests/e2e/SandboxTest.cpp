@@ -304,6 +304,14 @@ TEST(SandboxTest, TreeShowsWhatAProgramInsideRemoved)
     EXPECT_EQ(sandbox.tree(), std::vector<std::string>{"f /Library/Stays"});
 }
 
+TEST(SandboxTest, CommandOnThisMachineIsFoundByNameInPath)
+{
+    const RunResult result = testsupport::runCommand({"printf", "%s|", "a b", "c"});
+
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.standardOutput, "a b|c|");
+}
+
 // The library doubles are loaded into this test process directly, writing
 // their journal into the fixture's state folder.
 class LibraryDoubleTest : public ::testing::Test {

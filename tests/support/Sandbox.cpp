@@ -194,7 +194,7 @@ RunResult runCommand(const std::vector<std::string>& command)
     posix_spawn_file_actions_adddup2(&actions, out.writeEnd(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, err.writeEnd(), STDERR_FILENO);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     if (spawned != 0) {
         throw std::system_error(spawned, std::generic_category(), "cannot start " + command[0]);

@@ -131,8 +131,9 @@ private:
     std::vector<std::string> theReadOnlyPaths;
 };
 
-// Runs a command on this machine (not sandboxed) and collects its output.
-// Throws std::runtime_error when it cannot be started.
+// Runs a command on this machine (not sandboxed; a program name without a
+// slash is looked for in PATH) with standard input from /dev/null, and
+// collects its output. Throws std::system_error when it cannot be started.
 RunResult runCommand(const std::vector<std::string>& command);
 
 }  // namespace testsupport
