@@ -77,7 +77,8 @@ echo "(exit status $status)"
 
 show_state After
 heading "Gone (bundle insides folded)"
-LC_ALL=C comm -23 "$fixture/tree-Before" "$fixture/tree-After" >"$fixture/tree-gone"
+LC_ALL=C comm -23 <(LC_ALL=C sort "$fixture/tree-Before") <(LC_ALL=C sort "$fixture/tree-After") |
+    LC_ALL=C sort -t ' ' -k 2 >"$fixture/tree-gone"
 fold_bundles "$fixture/tree-gone"
 heading "Calls the tool doubles saw"
 awk -F '\t' '{ line = $1; for (i = 2; i <= NF; i++) line = line " \"" $i "\""; print line }' "$fixture/state/journal"
