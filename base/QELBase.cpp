@@ -3,6 +3,7 @@
 #include "base/QELBase.h"
 
 #include <any>
+#include <atomic>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -25,9 +26,10 @@ constexpr char kNonFatalReason[] = "Continuing after error";
 // Process-wide state, all empty at start.
 std::optional<platform::Error> gPriorError;
 std::unique_ptr<std::recursive_mutex> gErrorLock;
-// Plain unguarded counters: neither is touched by init or terminate.
-int32_t gForcedErrorCount = 0;
-int32_t gLastLoggedErrorCode = 0;
+// Unguarded counters (no lock, each access on its own): neither is touched
+// by init or terminate.
+std::atomic<int32_t> gForcedErrorCount{0};
+std::atomic<int32_t> gLastLoggedErrorCode{0};
 
 // 32-bit addition that wraps instead of overflowing.
 int32_t wrappingAdd(int32_t a, int32_t b)
@@ -190,14 +192,15 @@ bool QELBase::condShouldTriggerErrorCode(bool condition, int32_t code)
     if (forceErrorCode() != code) {
         return false;
     }
-    gForcedErrorCount = wrappingAdd(gForcedErrorCount, 1);
+    // One counter for all codes, never reset.
+    const int32_t forcedCount = wrappingAdd(gForcedErrorCount.fetch_add(1, std::memory_order_relaxed), 1);
     const int32_t skipCount = forceErrorCodeSkipCount();
-    if (skipCount < gForcedErrorCount) {
+    if (skipCount < forcedCount) {
         platform::ConsoleLog::log("Error " + std::to_string(code) + " forced for testing");
         return true;
     }
     platform::ConsoleLog::log("Error " + std::to_string(code) + " forced for testing but count only " +
-                              std::to_string(gForcedErrorCount) + " out of " +
+                              std::to_string(forcedCount) + " out of " +
                               std::to_string(wrappingAdd(skipCount, 1)));
     return false;
 }
@@ -255,13 +258,13 @@ void QELBase::logError(const platform::Error& error)
 void QELBase::logErrorCode(int32_t code)
 {
     // Only consecutive repeats are suppressed.
-    if (code == gLastLoggedErrorCode) {
+    if (code == gLastLoggedErrorCode.load(std::memory_order_relaxed)) {
         return;
     }
     guarded([&] {
         // Recorded before the application type is asked for: a failure there
         // (1859) comes back here with the same code and stops.
-        gLastLoggedErrorCode = code;
+        gLastLoggedErrorCode.store(code, std::memory_order_relaxed);
         const std::string message = code == kCancelledErrorCode
                                         ? appType() + " Updater cancelled"
                                         : appType() + " Updater encountered errorCode " + std::to_string(code);

@@ -106,6 +106,12 @@ TEST(AppendingPathComponent, CollapsesDoubledSlashesInTheResult)
     EXPECT_EQ(appendingPathComponent("/a//b", "x"), "/a/b/x");
 }
 
+TEST(AppendingPathComponent, DropsATrailingSlashOfTheComponent)
+{
+    EXPECT_EQ(appendingPathComponent("/tmp", "x/"), "/tmp/x");
+    EXPECT_EQ(appendingPathComponent("/tmp", "x//"), "/tmp/x");
+}
+
 TEST(AppendingPathComponent, ToRootGivesAbsoluteName)
 {
     EXPECT_EQ(appendingPathComponent("/", "x"), "/x");
@@ -214,6 +220,13 @@ TEST(ExpandingTildeInPath, TildeSlashNameIsInsideTheHomeFolder)
     ASSERT_FALSE(home.empty());
     EXPECT_EQ(expandingTildeInPath("~/x"), appendingPathComponent(home, "x"));
     EXPECT_EQ(expandingTildeInPath("~/Library/Caches"), appendingPathComponent(home, "Library/Caches"));
+}
+
+TEST(ExpandingTildeInPath, TildeSlashAloneIsTheHomeFolder)
+{
+    const std::string home = passwordHomeOf(geteuid());
+    ASSERT_FALSE(home.empty());
+    EXPECT_EQ(expandingTildeInPath("~/"), appendingPathComponent(home, ""));
 }
 
 TEST(ExpandingTildeInPath, UsesThePasswordDatabaseNotTheHomeVariable)

@@ -2,6 +2,8 @@
 //
 //   app-type             prints the application type
 //   raise CODE           raises the fatal exception with CODE (exits 70)
+//   raise-non-fatal CODE logs CODE and raises the non-fatal exception
+//                        (exits 71)
 //   log LEVEL MESSAGE    logs MESSAGE at LEVEL (-1, 0 or 1); prints nothing
 //   verify CODE [COUNT]  runs COUNT (default 1) checks of CODE whose
 //                        condition holds, as every check site does; prints
@@ -30,6 +32,12 @@ int runRaise(const std::vector<std::string>& positional)
     QELBase::raiseWithErrorCode(qelutil::parseInt32Argument(positional[0]));
 }
 
+int runRaiseNonFatal(const std::vector<std::string>& positional)
+{
+    qelutil::requireArgumentCount(positional, 1, 1);
+    QELBase::raiseAndLogErrorCode(qelutil::parseInt32Argument(positional[0]));
+}
+
 int runLog(const std::vector<std::string>& positional)
 {
     qelutil::requireArgumentCount(positional, 2, 2);
@@ -55,6 +63,7 @@ int runVerify(const std::vector<std::string>& positional)
 
 const qelutil::CommandRegistrar appTypeCommand({"app-type", "app-type", runAppType});
 const qelutil::CommandRegistrar raiseCommand({"raise", "raise CODE", runRaise});
+const qelutil::CommandRegistrar raiseNonFatalCommand({"raise-non-fatal", "raise-non-fatal CODE", runRaiseNonFatal});
 const qelutil::CommandRegistrar logCommand({"log", "log LEVEL MESSAGE", runLog});
 const qelutil::CommandRegistrar verifyCommand({"verify", "verify CODE [COUNT]", runVerify});
 

@@ -1,0 +1,78 @@
+#include "platform/ProcessInfo.h"
+
+#include "platform/Path.h"
+
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+namespace platform {
+
+namespace {
+
+struct ArgumentStore {
+    std::mutex lock;
+    std::optional<std::vector<std::string>> arguments;
+};
+
+ArgumentStore& store()
+{
+    static ArgumentStore theStore;
+    return theStore;
+}
+
+// The arguments the kernel kept for this process, each ended by a NUL byte.
+std::vector<std::string> readOwnCommandLine()
+{
+    std::ifstream file("/proc/self/cmdline", std::ios::binary);
+    const std::string contents((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::vector<std::string> arguments;
+    std::size_t start = 0;
+    while (start < contents.size()) {
+        auto end = contents.find('\0', start);
+        if (end == std::string::npos) {
+            end = contents.size();
+        }
+        arguments.emplace_back(contents, start, end - start);
+        start = end + 1;
+    }
+    return arguments;
+}
+
+}  // namespace
+
+void ProcessInfo::setArguments(int argc, const char* const* argv)
+{
+    std::vector<std::string> arguments;
+    for (int i = 0; i < argc && argv != nullptr && argv[i] != nullptr; ++i) {
+        arguments.emplace_back(argv[i]);
+    }
+    setArguments(std::move(arguments));
+}
+
+void ProcessInfo::setArguments(std::vector<std::string> arguments)
+{
+    ArgumentStore& theStore = store();
+    const std::lock_guard<std::mutex> guard(theStore.lock);
+    theStore.arguments = std::move(arguments);
+}
+
+const std::vector<std::string>& ProcessInfo::arguments()
+{
+    ArgumentStore& theStore = store();
+    const std::lock_guard<std::mutex> guard(theStore.lock);
+    if (!theStore.arguments) {
+        theStore.arguments = readOwnCommandLine();
+    }
+    return *theStore.arguments;
+}
+
+std::string ProcessInfo::processName()
+{
+    const std::vector<std::string>& all = arguments();
+    return all.empty() ? std::string() : lastPathComponent(all.front());
+}
+
+}  // namespace platform

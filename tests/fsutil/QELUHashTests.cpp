@@ -1,0 +1,106 @@
+#include "fsutil/QELUHash.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/fsutil/DigestTestSupport.h"
+
+using digesttest::fatalErrorCodeRaisedBy;
+
+namespace {
+
+bool isLowerCaseHex(const std::string& text)
+{
+    return text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+std::string opensslSha224OfText(const std::string& text)
+{
+    const digesttest::CommandResult result = digesttest::runCommand("openssl", {"dgst", "-sha224", "-r"}, text);
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    return result.out.substr(0, result.out.find(' '));
+}
+
+class QELUHashTest : public testing::Test {
+protected:
+    void SetUp() override { digesttest::useCommandLineSettings({}); }
+};
+
+}  // namespace
+
+TEST_F(QELUHashTest, HexFromBytesWritesEachByteAsTwoLowerCaseDigitsHighNibbleFirst)
+{
+    const unsigned char bytes[] = {0x00, 0xAB, 0xFF};
+    EXPECT_EQ(QELUHexFrombytes(bytes, 3), "00abff");
+}
+
+TEST_F(QELUHashTest, HexFromBytesOfZeroBytesIsEmpty)
+{
+    const unsigned char bytes[] = {0x12};
+    EXPECT_EQ(QELUHexFrombytes(bytes, 0), "");
+}
+
+TEST_F(QELUHashTest, HexFromBytesCoversEveryByteValue)
+{
+    std::vector<unsigned char> bytes(256);
+    std::string expected;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<unsigned char>(i);
+        expected += "0123456789abcdef"[i >> 4];
+        expected += "0123456789abcdef"[i & 15];
+    }
+    EXPECT_EQ(QELUHexFrombytes(bytes.data(), 256), expected);
+}
+
+TEST_F(QELUHashTest, HexFromBytesOfACountAboveTheLimitRaisesFatal1876)
+{
+    const unsigned char bytes[] = {0x12};
+    EXPECT_EQ(fatalErrorCodeRaisedBy([&] { QELUHexFrombytes(bytes, 0x3FFFFFFE); }), 1876);
+    EXPECT_EQ(fatalErrorCodeRaisedBy([&] { QELUHexFrombytes(bytes, INT32_MAX); }), 1876);
+}
+
+TEST_F(QELUHashTest, HashOfAppPathIsTheSha224OfThePathBytesInLowerCaseHex)
+{
+    const std::string path = "/Applications/Lumidoc Reader.app";
+    const std::string hash = QELUHashOfAppPath(path);
+    EXPECT_EQ(hash.size(), 56U);
+    EXPECT_TRUE(isLowerCaseHex(hash)) << hash;
+    EXPECT_EQ(hash, opensslSha224OfText(path));
+}
+
+TEST_F(QELUHashTest, HashOfAppPathTakesNonAsciiPathsAsTheirUTF8Bytes)
+{
+    const std::string path = "/Applications/R\xC3\xA9sum\xC3\xA9 \xE2\x9C\x93.app";
+    EXPECT_EQ(QELUHashOfAppPath(path), opensslSha224OfText(path));
+}
+
+TEST_F(QELUHashTest, HashOfAppPathOfTheSamePathIsStable)
+{
+    const std::string first = QELUHashOfAppPath("/Applications/Lumidoc Reader.app");
+    EXPECT_EQ(QELUHashOfAppPath("/Applications/Lumidoc Reader.app"), first);
+    EXPECT_EQ(QELUHashOfAppPath(std::string("/Applications/Lumidoc Reader.app")), first);
+}
+
+TEST_F(QELUHashTest, HashOfAppPathDiffersWithATrailingSlash)
+{
+    EXPECT_NE(QELUHashOfAppPath("/Applications/Lumidoc Reader.app/"),
+              QELUHashOfAppPath("/Applications/Lumidoc Reader.app"));
+}
+
+TEST_F(QELUHashTest, HashOfAppPathDiffersWithAChangeOfCase)
+{
+    EXPECT_NE(QELUHashOfAppPath("/Applications/lumidoc reader.app"),
+              QELUHashOfAppPath("/Applications/Lumidoc Reader.app"));
+}
+
+TEST_F(QELUHashTest, HashOfAppPathOfTheEmptyPathIsTheSha224OfNothing)
+{
+    EXPECT_EQ(QELUHashOfAppPath(""), "d14a028c2a3a2bc9476102bb288234c415a2b01f828ea62ac5b3e42f");
+}
+
+TEST_F(QELUHashTest, HashOfAppPathWithoutAUTF8FormRaisesFatal1844)
+{
+    EXPECT_EQ(fatalErrorCodeRaisedBy([] { QELUHashOfAppPath("/Applications/\xFF\xFE.app"); }), 1844);
+}

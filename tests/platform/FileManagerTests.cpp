@@ -1,0 +1,444 @@
+#include "platform/FileManager.h"
+
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <pwd.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+using platform::FileManager;
+using platform::FileType;
+using testsupport::TempDir;
+using testsupport::makeDirectories;
+using testsupport::readFile;
+using testsupport::writeFile;
+
+namespace {
+
+FileManager& fm()
+{
+    return FileManager::defaultManager();
+}
+
+bool present(const std::string& path)
+{
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+mode_t modeOf(const std::string& path)
+{
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// Sets the umask for one test and puts the old one back.
+class ScopedUmask {
+public:
+    explicit ScopedUmask(mode_t mask) : theOld(::umask(mask)) {}
+    ScopedUmask(const ScopedUmask&) = delete;
+    ScopedUmask& operator=(const ScopedUmask&) = delete;
+    ~ScopedUmask() { ::umask(theOld); }
+
+private:
+    mode_t theOld;
+};
+
+bool setImmutableFlag(const std::string& path, bool on)
+{
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    int flags = 0;
+    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    if (done) {
+        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+        done = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    }
+    ::close(fd);
+    return done;
+}
+
+using Names = std::vector<std::string>;
+
+}  // namespace
+
+TEST(FileManager, DefaultManagerIsOneInstance)
+{
+    EXPECT_EQ(&FileManager::defaultManager(), &FileManager::defaultManager());
+}
+
+TEST(FileManagerExistence, FileExistsAndIsNotAFolder)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    bool isDirectory = true;
+    EXPECT_TRUE(fm().fileExistsAtPath(dir.at("file")));
+    EXPECT_TRUE(fm().fileExistsAtPath(dir.at("file"), &isDirectory));
+    EXPECT_FALSE(isDirectory);
+}
+
+TEST(FileManagerExistence, FolderExistsAndIsAFolder)
+{
+    TempDir dir;
+    bool isDirectory = false;
+    EXPECT_TRUE(fm().fileExistsAtPath(dir.path(), &isDirectory));
+    EXPECT_TRUE(isDirectory);
+}
+
+TEST(FileManagerExistence, MissingPathDoesNotExist)
+{
+    TempDir dir;
+    bool isDirectory = true;
+    EXPECT_FALSE(fm().fileExistsAtPath(dir.at("missing")));
+    EXPECT_FALSE(fm().fileExistsAtPath(dir.at("missing"), &isDirectory));
+    EXPECT_FALSE(isDirectory);
+    EXPECT_FALSE(fm().fileExistsAtPath(""));
+}
+
+TEST(FileManagerExistence, FinalLinkIsFollowed)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder"));
+    ASSERT_EQ(::symlink(dir.at("folder").c_str(), dir.at("link").c_str()), 0);
+    ASSERT_EQ(::symlink(dir.at("missing").c_str(), dir.at("dangling").c_str()), 0);
+    bool isDirectory = false;
+    EXPECT_TRUE(fm().fileExistsAtPath(dir.at("link"), &isDirectory));
+    EXPECT_TRUE(isDirectory);
+    EXPECT_FALSE(fm().fileExistsAtPath(dir.at("dangling")));
+}
+
+TEST(FileManagerAttributes, RegularFileSizePermissionsAndOwner)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "12345");
+    ASSERT_EQ(::chmod(dir.at("file").c_str(), 04751), 0);
+    const auto attributes = fm().attributesOfItemAtPath(dir.at("file"));
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->type, FileType::Regular);
+    EXPECT_EQ(attributes->size, 5U);
+    EXPECT_EQ(attributes->posixPermissions, 04751U);
+    EXPECT_EQ(attributes->ownerAccountID, ::geteuid());
+    const passwd* me = ::getpwuid(::geteuid());
+    ASSERT_NE(me, nullptr);
+    EXPECT_EQ(attributes->ownerAccountName, std::string(me->pw_name));
+    EXPECT_FALSE(attributes->immutable);
+}
+
+TEST(FileManagerAttributes, FolderWithStickyBit)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder"));
+    ASSERT_EQ(::chmod(dir.at("folder").c_str(), 01777), 0);
+    const auto attributes = fm().attributesOfItemAtPath(dir.at("folder"));
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->type, FileType::Directory);
+    EXPECT_EQ(attributes->posixPermissions, 01777U);
+}
+
+TEST(FileManagerAttributes, LinkIsDescribedItselfNotItsTarget)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder"));
+    ASSERT_EQ(::symlink("folder", dir.at("link").c_str()), 0);
+    const auto attributes = fm().attributesOfItemAtPath(dir.at("link"));
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->type, FileType::SymbolicLink);
+    EXPECT_EQ(attributes->size, 6U);  // the length of "folder"
+    EXPECT_FALSE(attributes->immutable);
+}
+
+TEST(FileManagerAttributes, FifoAndMissingPath)
+{
+    TempDir dir;
+    ASSERT_EQ(::mkfifo(dir.at("fifo").c_str(), 0600), 0);
+    const auto attributes = fm().attributesOfItemAtPath(dir.at("fifo"));
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->type, FileType::Fifo);
+    EXPECT_FALSE(fm().attributesOfItemAtPath(dir.at("missing")));
+    EXPECT_FALSE(fm().attributesOfItemAtPath(""));
+}
+
+TEST(FileManagerAttributes, CharacterDeviceType)
+{
+    const auto attributes = fm().attributesOfItemAtPath("/dev/null");
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->type, FileType::CharacterSpecial);
+}
+
+TEST(FileManagerAttributes, OwnerWithoutAccountHasNoName)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "changing the owner needs root";
+    }
+    uid_t unknown = 54321;
+    while (::getpwuid(unknown) != nullptr) {
+        ++unknown;
+    }
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    ASSERT_EQ(::chown(dir.at("file").c_str(), unknown, 0), 0);
+    const auto attributes = fm().attributesOfItemAtPath(dir.at("file"));
+    ASSERT_TRUE(attributes);
+    EXPECT_EQ(attributes->ownerAccountID, unknown);
+    EXPECT_FALSE(attributes->ownerAccountName);
+}
+
+TEST(FileManagerAttributes, ImmutableFlagIsReported)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    if (!setImmutableFlag(dir.at("file"), true)) {
+        GTEST_SKIP() << "the immutable flag cannot be set here";
+    }
+    const auto attributes = fm().attributesOfItemAtPath(dir.at("file"));
+    setImmutableFlag(dir.at("file"), false);
+    ASSERT_TRUE(attributes);
+    EXPECT_TRUE(attributes->immutable);
+}
+
+TEST(FileManagerPermissions, SetsTheModeWithSpecialBits)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    EXPECT_TRUE(fm().setPosixPermissions(dir.at("file"), 02640));
+    EXPECT_EQ(modeOf(dir.at("file")), 02640U);
+    EXPECT_FALSE(fm().setPosixPermissions(dir.at("missing"), 0644));
+}
+
+TEST(FileManagerRemove, RemovesAFolderWithEverythingInIt)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/a/b/file"), "x");
+    writeFile(dir.at("folder/top"), "y");
+    EXPECT_TRUE(fm().removeItemAtPath(dir.at("folder")));
+    EXPECT_FALSE(present(dir.at("folder")));
+}
+
+TEST(FileManagerRemove, RemovesAnEmptyFolderAndAFile)
+{
+    TempDir dir;
+    makeDirectories(dir.at("empty"));
+    writeFile(dir.at("file"), "x");
+    EXPECT_TRUE(fm().removeItemAtPath(dir.at("empty")));
+    EXPECT_TRUE(fm().removeItemAtPath(dir.at("file")));
+    EXPECT_FALSE(present(dir.at("empty")));
+    EXPECT_FALSE(present(dir.at("file")));
+}
+
+TEST(FileManagerRemove, RemovesALinkButNotItsTarget)
+{
+    TempDir dir;
+    writeFile(dir.at("target/keep"), "keep");
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("link").c_str()), 0);
+    EXPECT_TRUE(fm().removeItemAtPath(dir.at("link")));
+    EXPECT_FALSE(present(dir.at("link")));
+    EXPECT_EQ(readFile(dir.at("target/keep")), "keep");
+}
+
+TEST(FileManagerRemove, MissingPathIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(fm().removeItemAtPath(dir.at("missing")));
+}
+
+TEST(FileManagerRemove, DotAndDotDotLastComponentsAreRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/sub/file"), "x");
+    EXPECT_FALSE(fm().removeItemAtPath(dir.at("folder/sub/.")));
+    EXPECT_FALSE(fm().removeItemAtPath(dir.at("folder/sub/..")));
+    EXPECT_FALSE(fm().removeItemAtPath(""));
+    EXPECT_EQ(readFile(dir.at("folder/sub/file")), "x");
+}
+
+TEST(FileManagerMove, MovesAFile)
+{
+    TempDir dir;
+    writeFile(dir.at("from"), "x");
+    EXPECT_TRUE(fm().moveItemAtPath(dir.at("from"), dir.at("to")));
+    EXPECT_FALSE(present(dir.at("from")));
+    EXPECT_EQ(readFile(dir.at("to")), "x");
+}
+
+TEST(FileManagerMove, MovesAFolder)
+{
+    TempDir dir;
+    writeFile(dir.at("from/file"), "x");
+    EXPECT_TRUE(fm().moveItemAtPath(dir.at("from"), dir.at("to")));
+    EXPECT_EQ(readFile(dir.at("to/file")), "x");
+}
+
+TEST(FileManagerMove, MissingSourceIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(fm().moveItemAtPath(dir.at("missing"), dir.at("to")));
+    EXPECT_FALSE(present(dir.at("to")));
+}
+
+TEST(FileManagerCreateDirectory, ModeGivenIsSetExactlyDespiteTheUmask)
+{
+    const ScopedUmask umask(077);
+    TempDir dir;
+    EXPECT_TRUE(fm().createDirectoryAtPath(dir.at("folder"), 0775));
+    EXPECT_EQ(modeOf(dir.at("folder")), 0775U);
+    EXPECT_TRUE(fm().createDirectoryAtPath(dir.at("sticky"), 01777));
+    EXPECT_EQ(modeOf(dir.at("sticky")), 01777U);
+}
+
+TEST(FileManagerCreateDirectory, DefaultModeFollowsTheUmask)
+{
+    const ScopedUmask umask(027);
+    TempDir dir;
+    EXPECT_TRUE(fm().createDirectoryAtPath(dir.at("folder")));
+    EXPECT_EQ(modeOf(dir.at("folder")), 0750U);
+    bool isDirectory = false;
+    EXPECT_TRUE(fm().fileExistsAtPath(dir.at("folder"), &isDirectory));
+    EXPECT_TRUE(isDirectory);
+}
+
+TEST(FileManagerCreateDirectory, MissingParentOrExistingPathIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(fm().createDirectoryAtPath(dir.at("missing/folder")));
+    EXPECT_FALSE(present(dir.at("missing")));
+    EXPECT_FALSE(fm().createDirectoryAtPath(dir.path()));
+}
+
+TEST(FileManagerCreateFile, WritesTheContents)
+{
+    TempDir dir;
+    const std::string contents("binary\0data\n", 12);
+    EXPECT_TRUE(fm().createFileAtPath(dir.at("file"), contents));
+    EXPECT_EQ(readFile(dir.at("file")), contents);
+}
+
+TEST(FileManagerCreateFile, ReplacesAnExistingFile)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "a much longer old content");
+    EXPECT_TRUE(fm().createFileAtPath(dir.at("file"), "new"));
+    EXPECT_EQ(readFile(dir.at("file")), "new");
+}
+
+TEST(FileManagerCreateFile, ModeGivenIsSetExactlyDespiteTheUmask)
+{
+    const ScopedUmask umask(077);
+    TempDir dir;
+    EXPECT_TRUE(fm().createFileAtPath(dir.at("file"), "x", 0664));
+    EXPECT_EQ(modeOf(dir.at("file")), 0664U);
+}
+
+TEST(FileManagerCreateFile, DefaultModeFollowsTheUmask)
+{
+    const ScopedUmask umask(022);
+    TempDir dir;
+    EXPECT_TRUE(fm().createFileAtPath(dir.at("file"), "x"));
+    EXPECT_EQ(modeOf(dir.at("file")), 0644U);
+}
+
+TEST(FileManagerCreateFile, MissingParentIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(fm().createFileAtPath(dir.at("missing/file"), "x"));
+}
+
+TEST(FileManagerContentsOfDirectory, SortedNamesWithoutDots)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/b"), "");
+    writeFile(dir.at("folder/a/inner"), "");
+    writeFile(dir.at("folder/.hidden"), "");
+    writeFile(dir.at("folder/C"), "");
+    EXPECT_EQ(fm().contentsOfDirectoryAtPath(dir.at("folder")), (Names{".hidden", "C", "a", "b"}));
+}
+
+TEST(FileManagerContentsOfDirectory, EmptyFolderIsAnEmptyList)
+{
+    TempDir dir;
+    const auto names = fm().contentsOfDirectoryAtPath(dir.path());
+    ASSERT_TRUE(names);
+    EXPECT_TRUE(names->empty());
+}
+
+TEST(FileManagerContentsOfDirectory, NonFolderOrMissingPathIsNone)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    EXPECT_FALSE(fm().contentsOfDirectoryAtPath(dir.at("file")));
+    EXPECT_FALSE(fm().contentsOfDirectoryAtPath(dir.at("missing")));
+    EXPECT_FALSE(fm().contentsOfDirectoryAtPath(""));
+}
+
+TEST(FileManagerContentsOfDirectory, UnreadableFolderIsNone)
+{
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "root reads every folder";
+    }
+    TempDir dir;
+    makeDirectories(dir.at("locked"));
+    ASSERT_EQ(::chmod(dir.at("locked").c_str(), 0), 0);
+    EXPECT_FALSE(fm().contentsOfDirectoryAtPath(dir.at("locked")));
+    ::chmod(dir.at("locked").c_str(), 0755);
+}
+
+TEST(FileManagerEnumerator, EachFolderBeforeItsContentsSortedWithinAFolder)
+{
+    TempDir dir;
+    writeFile(dir.at("root/b"), "");
+    writeFile(dir.at("root/a/z"), "");
+    writeFile(dir.at("root/a/y/deep"), "");
+    writeFile(dir.at("root/a.b"), "");
+    makeDirectories(dir.at("root/c"));
+    EXPECT_EQ(fm().enumeratorAtPath(dir.at("root")),
+              (Names{"a", "a/y", "a/y/deep", "a/z", "a.b", "b", "c"}));
+}
+
+TEST(FileManagerEnumerator, LinksAreListedButNotEntered)
+{
+    TempDir dir;
+    writeFile(dir.at("outside/secret"), "");
+    makeDirectories(dir.at("root"));
+    ASSERT_EQ(::symlink(dir.at("outside").c_str(), dir.at("root/link").c_str()), 0);
+    EXPECT_EQ(fm().enumeratorAtPath(dir.at("root")), (Names{"link"}));
+}
+
+TEST(FileManagerEnumerator, NonFolderIsNone)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    EXPECT_FALSE(fm().enumeratorAtPath(dir.at("file")));
+    EXPECT_FALSE(fm().enumeratorAtPath(dir.at("missing")));
+    makeDirectories(dir.at("empty"));
+    const auto empty = fm().enumeratorAtPath(dir.at("empty"));
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->empty());
+}
+
+TEST(FileManagerContents, WholeFile)
+{
+    TempDir dir;
+    std::string big(1 << 20, '\0');
+    for (std::size_t i = 0; i < big.size(); ++i) {
+        big[i] = static_cast<char>(i * 7);
+    }
+    writeFile(dir.at("big"), big);
+    EXPECT_EQ(fm().contentsAtPath(dir.at("big")), big);
+    writeFile(dir.at("empty"), "");
+    EXPECT_EQ(fm().contentsAtPath(dir.at("empty")), std::string());
+}
+
+TEST(FileManagerContents, MissingOrFolderIsNone)
+{
+    TempDir dir;
+    EXPECT_FALSE(fm().contentsAtPath(dir.at("missing")));
+    EXPECT_FALSE(fm().contentsAtPath(dir.path()));
+}

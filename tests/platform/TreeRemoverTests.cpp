@@ -1,0 +1,343 @@
+#include "platform/TreeRemover.h"
+
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using platform::TreeRemover;
+using testsupport::TempDir;
+using testsupport::makeDirectories;
+using testsupport::readFile;
+using testsupport::writeFile;
+
+namespace {
+
+// Whether anything (also a dangling link) is at the path.
+bool present(const std::string& path)
+{
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+int openDescriptorCount()
+{
+    int count = 0;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    ::closedir(dir);
+    return count - 1;  // the listing's own descriptor
+}
+
+// Builds folder/d/d/.../d, `depth` levels, with a file in every tenth level,
+// working through descriptors so the depth is not limited by PATH_MAX.
+bool buildChain(const std::string& folder, int depth)
+{
+    int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY);
+    for (int level = 0; fd >= 0 && level < depth; ++level) {
+        if (::mkdirat(fd, "d", 0755) != 0) {
+            ::close(fd);
+            return false;
+        }
+        if (level % 10 == 0) {
+            const int file = ::openat(fd, "f", O_WRONLY | O_CREAT, 0644);
+            if (file < 0) {
+                ::close(fd);
+                return false;
+            }
+            ::close(file);
+        }
+        const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
+        ::close(fd);
+        fd = next;
+    }
+    if (fd < 0) {
+        return false;
+    }
+    ::close(fd);
+    return true;
+}
+
+// Makes folder/name impossible to remove: the immutable flag for root (whom
+// permissions do not stop), a read-only folder for anyone else. Undone by
+// unpin(). False when neither is possible here.
+class Pin {
+public:
+    Pin(std::string folder, std::string name) : theFolder(std::move(folder)), theName(std::move(name)) {}
+    Pin(const Pin&) = delete;
+    Pin& operator=(const Pin&) = delete;
+    ~Pin() { unpin(); }
+
+    bool pin()
+    {
+        if (::geteuid() != 0) {
+            thePinned = ::chmod(theFolder.c_str(), 0555) == 0;
+            return thePinned;
+        }
+        thePinned = setImmutable(true);
+        return thePinned;
+    }
+    void unpin()
+    {
+        if (!thePinned) {
+            return;
+        }
+        if (::geteuid() != 0) {
+            ::chmod(theFolder.c_str(), 0755);
+        } else {
+            setImmutable(false);
+        }
+        thePinned = false;
+    }
+
+private:
+    bool setImmutable(bool on) const
+    {
+        const std::string path = theFolder + "/" + theName;
+        const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
+        if (fd < 0) {
+            return false;
+        }
+        int flags = 0;
+        bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+        if (done) {
+            flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+            done = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+        }
+        ::close(fd);
+        return done;
+    }
+
+    std::string theFolder;
+    std::string theName;
+    bool thePinned = false;
+};
+
+}  // namespace
+
+TEST(TreeRemover, RemovesAFile)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("file")));
+    EXPECT_FALSE(present(dir.at("file")));
+}
+
+TEST(TreeRemover, RemovesAFolderWithEverythingInIt)
+{
+    TempDir dir;
+    writeFile(dir.at("item/a/b/c/file"), "x");
+    writeFile(dir.at("item/top"), "y");
+    makeDirectories(dir.at("item/empty"));
+    ASSERT_EQ(::symlink("a", dir.at("item/link").c_str()), 0);
+    ASSERT_EQ(::mkfifo(dir.at("item/a/fifo").c_str(), 0600), 0);
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("item")));
+    EXPECT_FALSE(present(dir.at("item")));
+    EXPECT_TRUE(present(dir.path()));
+}
+
+TEST(TreeRemover, RemovesALinkToAFolderButNotTheFolder)
+{
+    TempDir dir;
+    writeFile(dir.at("target/keep"), "keep");
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("link").c_str()), 0);
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("link")));
+    EXPECT_FALSE(present(dir.at("link")));
+    EXPECT_EQ(readFile(dir.at("target/keep")), "keep");
+}
+
+TEST(TreeRemover, TrailingSlashRemovesTheLinkNotTheLinkedFolder)
+{
+    TempDir dir;
+    writeFile(dir.at("target/keep"), "keep");
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("link").c_str()), 0);
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("link") + "/"));
+    EXPECT_FALSE(present(dir.at("link")));
+    EXPECT_EQ(readFile(dir.at("target/keep")), "keep");
+}
+
+TEST(TreeRemover, LinkInsideTheFolderIsUnlinkedNotFollowed)
+{
+    TempDir dir;
+    writeFile(dir.at("outside/keep"), "keep");
+    writeFile(dir.at("item/file"), "x");
+    ASSERT_EQ(::symlink(dir.at("outside").c_str(), dir.at("item/link").c_str()), 0);
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("item")));
+    EXPECT_FALSE(present(dir.at("item")));
+    EXPECT_EQ(readFile(dir.at("outside/keep")), "keep");
+}
+
+TEST(TreeRemover, MissingItemIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(TreeRemover().removePath(dir.at("missing")));
+    EXPECT_FALSE(TreeRemover().removeRelative(dir.path(), "missing"));
+}
+
+TEST(TreeRemover, RefusesEmptyDotAndDotDotNames)
+{
+    TempDir dir;
+    writeFile(dir.at("a/b/file"), "x");
+    const int fd = ::open(dir.at("a/b").c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(fd, 0);
+    const TreeRemover remover;
+    EXPECT_FALSE(remover.removeEntry(fd, ""));
+    EXPECT_FALSE(remover.removeEntry(fd, "."));
+    EXPECT_FALSE(remover.removeEntry(fd, ".."));
+    EXPECT_FALSE(remover.removeEntry(fd, "x/y"));
+    ::close(fd);
+    EXPECT_FALSE(remover.removePath(dir.at("a/b/.")));
+    EXPECT_FALSE(remover.removePath(dir.at("a/b/..")));
+    EXPECT_FALSE(remover.removePath(""));
+    EXPECT_EQ(readFile(dir.at("a/b/file")), "x");
+}
+
+TEST(TreeRemover, RelativePathWithDotDotComponentIsRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("source/sub/file"), "x");
+    writeFile(dir.at("above"), "y");
+    const TreeRemover remover;
+    EXPECT_FALSE(remover.removeRelative(dir.at("source"), "sub/../../above"));
+    EXPECT_FALSE(remover.removeRelative(dir.at("source"), "sub/.."));
+    EXPECT_FALSE(remover.removeRelative(dir.at("source"), "./sub"));
+    EXPECT_FALSE(remover.removeRelative(dir.at("source"), "//"));
+    EXPECT_EQ(readFile(dir.at("above")), "y");
+    EXPECT_EQ(readFile(dir.at("source/sub/file")), "x");
+}
+
+TEST(TreeRemover, RelativePathReachesItsItemThroughRealFoldersOnly)
+{
+    TempDir dir;
+    writeFile(dir.at("source/sub/item/file"), "x");
+    writeFile(dir.at("outside/item/keep"), "keep");
+    ASSERT_EQ(::symlink(dir.at("outside").c_str(), dir.at("source/link").c_str()), 0);
+    const TreeRemover remover;
+    EXPECT_FALSE(remover.removeRelative(dir.at("source"), "link/item"));
+    EXPECT_EQ(readFile(dir.at("outside/item/keep")), "keep");
+    EXPECT_TRUE(remover.removeRelative(dir.at("source"), "sub//item/"));
+    EXPECT_FALSE(present(dir.at("source/sub/item")));
+    EXPECT_TRUE(present(dir.at("source/sub")));
+}
+
+TEST(TreeRemover, TenThousandLevelTreeIsRemovedWithFewDescriptors)
+{
+    TempDir dir;
+    makeDirectories(dir.at("item"));
+    ASSERT_TRUE(buildChain(dir.at("item"), 10000));
+    const int before = openDescriptorCount();
+    // Far fewer descriptors than levels: the walk must not hold one per level.
+    struct rlimit saved {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    struct rlimit tight = saved;
+    tight.rlim_cur = 64;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    const bool removed = TreeRemover().removePath(dir.at("item"));
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_TRUE(removed);
+    EXPECT_FALSE(present(dir.at("item")));
+    EXPECT_EQ(openDescriptorCount(), before);
+}
+
+TEST(TreeRemover, WhatCannotBeRemovedStaysAndTheRestGoes)
+{
+    TempDir dir;
+    writeFile(dir.at("item/a/file"), "a");
+    writeFile(dir.at("item/b/pinned"), "pinned");
+    writeFile(dir.at("item/b/c/file"), "c");
+    writeFile(dir.at("item/d"), "d");
+    Pin pin(dir.at("item/b"), "pinned");
+    if (!pin.pin()) {
+        GTEST_SKIP() << "cannot make a file undeletable on this file system";
+    }
+    EXPECT_FALSE(TreeRemover().removePath(dir.at("item")));
+    pin.unpin();
+    EXPECT_EQ(readFile(dir.at("item/b/pinned")), "pinned");
+    EXPECT_FALSE(present(dir.at("item/a")));
+    EXPECT_FALSE(present(dir.at("item/d")));
+    if (::geteuid() == 0) {
+        // Only the pinned file held anything back.
+        EXPECT_FALSE(present(dir.at("item/b/c")));
+    }
+}
+
+TEST(TreeRemover, FolderSwappedForALinkDuringTheWalkIsNotFollowed)
+{
+    TempDir dir;
+    writeFile(dir.at("outside/keep"), "keep");
+    writeFile(dir.at("item/victim/file"), "x");
+    writeFile(dir.at("item/other/file"), "y");
+    TreeRemover remover;
+    bool swapped = false;
+    const std::string outside = dir.at("outside");
+    const std::string moved = dir.at("moved");
+    remover.setBeforeOpeningFolder([&](int folderFd, const std::string& name) {
+        if (name != "victim" || swapped) {
+            return;
+        }
+        // The folder was read as a folder; now it becomes a link to the outside.
+        swapped = ::renameat(folderFd, "victim", AT_FDCWD, moved.c_str()) == 0 &&
+                  ::symlinkat(outside.c_str(), folderFd, "victim") == 0;
+    });
+    EXPECT_TRUE(remover.removePath(dir.at("item")));
+    EXPECT_TRUE(swapped);
+    EXPECT_FALSE(present(dir.at("item")));
+    EXPECT_EQ(readFile(dir.at("outside/keep")), "keep");
+    EXPECT_EQ(readFile(dir.at("moved/file")), "x");
+}
+
+TEST(TreeRemover, FolderMovedOutOfTheItemDuringTheWalkDoesNotLeadTheWalkOutside)
+{
+    TempDir dir;
+    writeFile(dir.at("outside/keep"), "keep");
+    // Named like the folders of the chain: a walk that climbed into the wrong
+    // folder would remove it.
+    makeDirectories(dir.at("outside/d"));
+    makeDirectories(dir.at("item"));
+    ASSERT_TRUE(buildChain(dir.at("item"), 12));
+    // Two open ancestors: the folders high above the deepest one are reopened
+    // through "..", which must be the folder the walk came down from.
+    TreeRemover remover(2);
+    bool moved = false;
+    const std::string deep = dir.at("item/d/d/d");
+    const std::string target = dir.at("outside/moved");
+    int openings = 0;
+    remover.setBeforeOpeningFolder([&](int, const std::string&) {
+        if (++openings == 11 && !moved) {
+            moved = ::rename(deep.c_str(), target.c_str()) == 0;
+        }
+    });
+    EXPECT_FALSE(remover.removePath(dir.at("item")));
+    EXPECT_TRUE(moved);
+    EXPECT_EQ(readFile(dir.at("outside/keep")), "keep");
+    EXPECT_TRUE(present(dir.at("outside/moved")));
+    EXPECT_TRUE(present(dir.at("outside/d")));
+    EXPECT_TRUE(present(dir.at("item/d/d")));
+}
+
+TEST(TreeRemover, RemovingAFolderLeavesNoDescriptorOpen)
+{
+    TempDir dir;
+    for (int i = 0; i < 50; ++i) {
+        writeFile(dir.at("item/folder" + std::to_string(i) + "/sub/file"), "x");
+    }
+    const int before = openDescriptorCount();
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("item")));
+    EXPECT_EQ(openDescriptorCount(), before);
+}

@@ -1,0 +1,85 @@
+#include "platform/User.h"
+
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using platform::homeDirectory;
+using platform::homeDirectoryForUser;
+using platform::searchPathForDirectoriesInDomains;
+using platform::SearchPathDirectory;
+using platform::SearchPathDomainMask;
+using platform::userName;
+
+namespace {
+
+const passwd& effectiveUserEntry()
+{
+    const passwd* entry = getpwuid(geteuid());
+    if (entry == nullptr) {
+        throw std::runtime_error("no password entry for the effective user");
+    }
+    return *entry;
+}
+
+}  // namespace
+
+TEST(User, NameIsThePasswordEntryName)
+{
+    EXPECT_EQ(userName(), std::string(effectiveUserEntry().pw_name));
+}
+
+TEST(User, HomeDirectoryIsThePasswordEntryHome)
+{
+    EXPECT_EQ(homeDirectory(), std::string(effectiveUserEntry().pw_dir));
+}
+
+TEST(User, HomeDirectoryIgnoresTheHomeVariable)
+{
+    const std::string expected = effectiveUserEntry().pw_dir;
+    ASSERT_EQ(setenv("HOME", "/nonexistent/elsewhere", 1), 0);
+    EXPECT_EQ(homeDirectory(), expected);
+}
+
+TEST(User, HomeDirectoryForNamedUser)
+{
+    const passwd* root = getpwnam("root");
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(homeDirectoryForUser("root"), std::optional<std::string>(root->pw_dir));
+}
+
+TEST(User, HomeDirectoryForUnknownUserIsNone)
+{
+    EXPECT_EQ(homeDirectoryForUser("no_such_user_qel_7"), std::nullopt);
+    EXPECT_EQ(homeDirectoryForUser(""), std::nullopt);
+}
+
+TEST(User, UserLibraryIsHomeSlashLibrary)
+{
+    const std::string home = effectiveUserEntry().pw_dir;
+    const std::string expected = home == "/" ? "/Library" : home + "/Library";
+    EXPECT_EQ(searchPathForDirectoriesInDomains(SearchPathDirectory::Library, SearchPathDomainMask::User, true),
+              (std::vector<std::string>{expected}));
+}
+
+TEST(User, UserLibraryWithoutTildeExpansionIsTildeLibrary)
+{
+    EXPECT_EQ(searchPathForDirectoriesInDomains(SearchPathDirectory::Library, SearchPathDomainMask::User, false),
+              (std::vector<std::string>{"~/Library"}));
+}
+
+TEST(User, OtherSearchPathsAreEmpty)
+{
+    EXPECT_TRUE(searchPathForDirectoriesInDomains(static_cast<SearchPathDirectory>(9), SearchPathDomainMask::User,
+                                                  true)
+                    .empty());
+    EXPECT_TRUE(searchPathForDirectoriesInDomains(SearchPathDirectory::Library, static_cast<SearchPathDomainMask>(8),
+                                                  true)
+                    .empty());
+}

@@ -1,0 +1,357 @@
+#include "platform/Workspace.h"
+
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <functional>
+#include <optional>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+using platform::Workspace;
+using platform::WorkspaceOperation;
+using testsupport::TempDir;
+using testsupport::makeDirectories;
+using testsupport::readFile;
+using testsupport::writeFile;
+
+namespace {
+
+bool present(const std::string& path)
+{
+    struct stat st {};
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+bool destroy(const std::string& source, const std::vector<std::string>& files)
+{
+    return Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy, source, std::nullopt,
+                                                             files, nullptr);
+}
+
+// Runs `body` in a child process whose root is `root`, so that requests aimed
+// at "/" can only ever reach the test's own folder. The child's exit status is
+// the body's result; -1 when the child could not be set up.
+int runWithRootAt(const std::string& root, const std::function<int()>& body)
+{
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        return -1;
+    }
+    if (pid == 0) {
+        if (::chroot(root.c_str()) != 0 || ::chdir("/") != 0) {
+            ::_exit(100);
+        }
+        ::_exit(body());
+    }
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
+}
+
+class RecordingWorkspace : public Workspace {
+public:
+    bool performFileOperation(WorkspaceOperation, const std::string& source, const std::optional<std::string>&,
+                              const std::vector<std::string>&, int32_t*) override
+    {
+        lastSource = source;
+        return true;
+    }
+    std::string lastSource;
+};
+
+}  // namespace
+
+TEST(WorkspaceDestroy, DestroysAFile)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    EXPECT_TRUE(destroy(dir.path(), {"file"}));
+    EXPECT_FALSE(present(dir.at("file")));
+}
+
+TEST(WorkspaceDestroy, DestroysAFolderWithEverythingInIt)
+{
+    TempDir dir;
+    writeFile(dir.at("Plugin.bundle/Contents/Info.plist"), "x");
+    writeFile(dir.at("Plugin.bundle/Contents/MacOS/Plugin"), "y");
+    EXPECT_TRUE(destroy(dir.path(), {"Plugin.bundle"}));
+    EXPECT_FALSE(present(dir.at("Plugin.bundle")));
+}
+
+TEST(WorkspaceDestroy, DestroysEveryNamedItem)
+{
+    TempDir dir;
+    writeFile(dir.at("one"), "1");
+    writeFile(dir.at("two/file"), "2");
+    writeFile(dir.at("three"), "3");
+    EXPECT_TRUE(destroy(dir.path(), {"one", "two"}));
+    EXPECT_FALSE(present(dir.at("one")));
+    EXPECT_FALSE(present(dir.at("two")));
+    EXPECT_EQ(readFile(dir.at("three")), "3");
+}
+
+TEST(WorkspaceDestroy, DestroysALinkToAFolderButNotTheFolder)
+{
+    TempDir dir;
+    writeFile(dir.at("target/keep"), "keep");
+    makeDirectories(dir.at("source"));
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("source/link").c_str()), 0);
+    EXPECT_TRUE(destroy(dir.at("source"), {"link"}));
+    EXPECT_FALSE(present(dir.at("source/link")));
+    EXPECT_EQ(readFile(dir.at("target/keep")), "keep");
+}
+
+TEST(WorkspaceDestroy, FolderHoldingALinkToAnOutsideFolderLeavesThatFolderAlone)
+{
+    TempDir dir;
+    writeFile(dir.at("outside/inner/keep"), "keep");
+    writeFile(dir.at("item/file"), "x");
+    ASSERT_EQ(::symlink(dir.at("outside").c_str(), dir.at("item/link").c_str()), 0);
+    ASSERT_EQ(::symlink(dir.at("outside/inner/keep").c_str(), dir.at("item/filelink").c_str()), 0);
+    EXPECT_TRUE(destroy(dir.path(), {"item"}));
+    EXPECT_FALSE(present(dir.at("item")));
+    EXPECT_EQ(readFile(dir.at("outside/inner/keep")), "keep");
+}
+
+TEST(WorkspaceDestroy, DestroysATenThousandLevelTree)
+{
+    TempDir dir;
+    int fd = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::mkdirat(fd, "item", 0755), 0);
+    const char* name = "item";
+    for (int level = 0; level < 10000 && fd >= 0; ++level) {
+        const int next = ::openat(fd, name, O_RDONLY | O_DIRECTORY);
+        ::close(fd);
+        fd = next;
+        name = "level";
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::mkdirat(fd, name, 0755), 0);
+    }
+    ::close(fd);
+    EXPECT_TRUE(destroy(dir.path(), {"item"}));
+    EXPECT_FALSE(present(dir.at("item")));
+}
+
+TEST(WorkspaceDestroy, MissingItemIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(destroy(dir.path(), {"missing"}));
+}
+
+TEST(WorkspaceDestroy, MissingItemIsFalseAndTheOthersAreStillDestroyed)
+{
+    TempDir dir;
+    writeFile(dir.at("present"), "x");
+    EXPECT_FALSE(destroy(dir.path(), {"missing", "present"}));
+    EXPECT_FALSE(present(dir.at("present")));
+}
+
+TEST(WorkspaceDestroy, MissingSourceFolderIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(destroy(dir.at("missing"), {"item"}));
+}
+
+TEST(WorkspaceDestroy, EmptyListDestroysNothingAndIsFalse)
+{
+    TempDir dir;
+    writeFile(dir.at("source/file"), "x");
+    EXPECT_FALSE(destroy(dir.at("source"), {}));
+    EXPECT_EQ(readFile(dir.at("source/file")), "x");
+}
+
+TEST(WorkspaceDestroy, DotNameIsRefusedAndTheSourceFolderSurvives)
+{
+    TempDir dir;
+    writeFile(dir.at("source/file"), "x");
+    writeFile(dir.at("source/sub/file"), "y");
+    EXPECT_FALSE(destroy(dir.at("source"), {"."}));
+    EXPECT_EQ(readFile(dir.at("source/file")), "x");
+    EXPECT_EQ(readFile(dir.at("source/sub/file")), "y");
+}
+
+TEST(WorkspaceDestroy, DotDotNameIsRefusedAndTheFolderAboveSurvives)
+{
+    TempDir dir;
+    writeFile(dir.at("above/file"), "x");
+    writeFile(dir.at("above/source/file"), "y");
+    EXPECT_FALSE(destroy(dir.at("above/source"), {".."}));
+    EXPECT_FALSE(destroy(dir.at("above/source"), {"../file"}));
+    EXPECT_EQ(readFile(dir.at("above/file")), "x");
+    EXPECT_EQ(readFile(dir.at("above/source/file")), "y");
+}
+
+TEST(WorkspaceDestroy, EmptyNameIsRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("source/file"), "x");
+    EXPECT_FALSE(destroy(dir.at("source"), {""}));
+    EXPECT_FALSE(destroy(dir.at("source"), {"/"}));
+    EXPECT_EQ(readFile(dir.at("source/file")), "x");
+}
+
+TEST(WorkspaceDestroy, NameWithASlashIsAPathUnderTheSource)
+{
+    TempDir dir;
+    writeFile(dir.at("source/sub/item/file"), "x");
+    EXPECT_TRUE(destroy(dir.at("source"), {"sub/item"}));
+    EXPECT_FALSE(present(dir.at("source/sub/item")));
+    EXPECT_TRUE(present(dir.at("source/sub")));
+}
+
+TEST(WorkspaceDestroy, RootItselfIsRefusedAndRootEntriesCanBeDestroyed)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root to confine the test under chroot";
+    }
+    TempDir dir;
+    writeFile(dir.at("keep"), "keep");
+    writeFile(dir.at("sub/keep"), "keep");
+    writeFile(dir.at("x/file"), "x");
+    const int status = runWithRootAt(dir.path(), [] {
+        int refusals = 0;
+        refusals += destroy("/", {}) ? 0 : 1;
+        refusals += destroy("", {"/"}) ? 0 : 1;
+        refusals += destroy("/", {"."}) ? 0 : 1;
+        refusals += destroy("/", {".."}) ? 0 : 1;
+        refusals += destroy("/", {"/"}) ? 0 : 1;
+        refusals += destroy("/sub", {".."}) ? 0 : 1;
+        const bool destroyedEntry = destroy("/", {"x"});
+        return refusals == 6 && destroyedEntry ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(dir.at("keep")), "keep");
+    EXPECT_EQ(readFile(dir.at("sub/keep")), "keep");
+    EXPECT_FALSE(present(dir.at("x")));
+}
+
+TEST(WorkspaceDestroy, MountPointInsideTheItemStaysAndMakesItFalse)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "mounting needs root";
+    }
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "no private mount namespace here";
+    }
+    TempDir dir;
+    writeFile(dir.at("item/file"), "x");
+    makeDirectories(dir.at("item/sub/mnt"));
+    const std::string mountPoint = dir.at("item/sub/mnt");
+    ASSERT_EQ(::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=1m"), 0);
+    struct Unmount {
+        std::string path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{mountPoint};
+    writeFile(dir.at("item/sub/mnt/inside"), "inside");
+
+    EXPECT_FALSE(destroy(dir.path(), {"item"}));
+    EXPECT_EQ(readFile(dir.at("item/sub/mnt/inside")), "inside");
+    EXPECT_FALSE(present(dir.at("item/file")));
+}
+
+TEST(WorkspaceDestroy, TagReceivesZero)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    int32_t tag = 42;
+    EXPECT_TRUE(Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy, dir.path(),
+                                                                  std::string("/unused"), {"file"}, &tag));
+    EXPECT_EQ(tag, 0);
+}
+
+TEST(WorkspaceClearIcon, RemovesTheFolderIconFile)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/Icon\r"), "icon");
+    writeFile(dir.at("folder/other"), "other");
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("folder"), 0));
+    EXPECT_FALSE(present(dir.at("folder/Icon\r")));
+    EXPECT_EQ(readFile(dir.at("folder/other")), "other");
+}
+
+TEST(WorkspaceClearIcon, FolderWithoutIconIsTrue)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/Icon"), "not the icon");
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("folder"), 0));
+    EXPECT_TRUE(present(dir.at("folder/Icon")));
+}
+
+TEST(WorkspaceClearIcon, PlainFileIsTrue)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("file"), 0));
+    EXPECT_EQ(readFile(dir.at("file")), "x");
+}
+
+TEST(WorkspaceClearIcon, MissingPathIsFalse)
+{
+    TempDir dir;
+    EXPECT_FALSE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("missing"), 0));
+    EXPECT_FALSE(Workspace::sharedWorkspace().setIcon(nullptr, "", 0));
+}
+
+TEST(WorkspaceClearIcon, NeitherFileNorFolderIsFalse)
+{
+    TempDir dir;
+    ASSERT_EQ(::mkfifo(dir.at("fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("fifo"), 0));
+}
+
+TEST(WorkspaceClearIcon, IconThatIsAFolderWithContentsStaysAndIsFalse)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/Icon\r/inside"), "x");
+    EXPECT_FALSE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("folder"), 0));
+    EXPECT_EQ(readFile(dir.at("folder/Icon\r/inside")), "x");
+}
+
+TEST(WorkspaceClearIcon, LinkToAFolderClearsTheFolderIcon)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/Icon\r"), "icon");
+    ASSERT_EQ(::symlink(dir.at("folder").c_str(), dir.at("link").c_str()), 0);
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("link"), 0));
+    EXPECT_FALSE(present(dir.at("folder/Icon\r")));
+    EXPECT_TRUE(present(dir.at("link")));
+}
+
+TEST(WorkspaceClearIcon, IconThatIsALinkIsUnlinkedNotFollowed)
+{
+    TempDir dir;
+    writeFile(dir.at("target"), "target");
+    makeDirectories(dir.at("folder"));
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("folder/Icon\r").c_str()), 0);
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("folder"), 0));
+    EXPECT_FALSE(present(dir.at("folder/Icon\r")));
+    EXPECT_EQ(readFile(dir.at("target")), "target");
+}
+
+TEST(SharedWorkspace, IsOneInstance)
+{
+    EXPECT_EQ(&Workspace::sharedWorkspace(), &Workspace::sharedWorkspace());
+}
+
+TEST(SharedWorkspace, TestWorkspaceReplacesItUntilRestored)
+{
+    Workspace& real = Workspace::sharedWorkspace();
+    RecordingWorkspace recording;
+    Workspace::setSharedWorkspaceForTesting(&recording);
+    EXPECT_EQ(&Workspace::sharedWorkspace(), &recording);
+    EXPECT_TRUE(destroy("/nowhere", {"item"}));
+    EXPECT_EQ(recording.lastSource, "/nowhere");
+    Workspace::setSharedWorkspaceForTesting(nullptr);
+    EXPECT_EQ(&Workspace::sharedWorkspace(), &real);
+}
