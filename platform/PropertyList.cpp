@@ -280,7 +280,8 @@ PropertyList::PropertyList(std::shared_ptr<const Storage> storage) : theStorage(
 
 PropertyList PropertyList::string(std::string value)
 {
-    return PropertyList(std::make_shared<const Storage>(Type::String, std::in_place_type<std::string>, std::move(value)));
+    return PropertyList(
+        std::make_shared<const Storage>(Type::String, std::in_place_type<std::string>, std::move(value)));
 }
 
 PropertyList PropertyList::integer(int64_t value)
@@ -300,22 +301,26 @@ PropertyList PropertyList::boolean(bool value)
 
 PropertyList PropertyList::date(double secondsSince1970)
 {
-    return PropertyList(std::make_shared<const Storage>(Type::Date, std::in_place_type<double>, secondsSince1970));
+    return PropertyList(
+        std::make_shared<const Storage>(Type::Date, std::in_place_type<double>, secondsSince1970));
 }
 
 PropertyList PropertyList::data(std::vector<uint8_t> value)
 {
-    return PropertyList(std::make_shared<const Storage>(Type::Data, std::in_place_type<std::vector<uint8_t>>, std::move(value)));
+    return PropertyList(
+        std::make_shared<const Storage>(Type::Data, std::in_place_type<std::vector<uint8_t>>, std::move(value)));
 }
 
 PropertyList PropertyList::array(Array value)
 {
-    return PropertyList(std::make_shared<const Storage>(Type::Array, std::in_place_type<Array>, std::move(value)));
+    return PropertyList(
+        std::make_shared<const Storage>(Type::Array, std::in_place_type<Array>, std::move(value)));
 }
 
 PropertyList PropertyList::dictionary(Dictionary value)
 {
-    return PropertyList(std::make_shared<const Storage>(Type::Dictionary, std::in_place_type<Dictionary>, std::move(value)));
+    return PropertyList(
+        std::make_shared<const Storage>(Type::Dictionary, std::in_place_type<Dictionary>, std::move(value)));
 }
 
 PropertyList::Type PropertyList::type() const noexcept

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,11 +36,27 @@ public:
     void setArgumentDomainFromArguments(const std::vector<std::string>& arguments);
     // Parses "-Key value" pairs: an argument that is a hyphen followed by a
     // letter is a key, the next argument its value; anything else is skipped.
+    // The value may itself begin with a hyphen; a key with no argument after
+    // it is ignored; a key given twice keeps its later value.
     static PropertyList::Dictionary parseArgumentDomain(const std::vector<std::string>& arguments);
+
+    // The folder the stored domains are read from: the home folder's
+    // Library/Preferences (the home from the password database), unless a
+    // test has set another.
+    std::string preferencesDirectory() const;
+    // Test seam: read the stored domains from directory instead of the home
+    // folder's Library/Preferences, so that tests never touch the real home;
+    // none restores the default.
+    void setPreferencesDirectoryForTesting(std::optional<std::string> directory);
 
 private:
     UserDefaults();
-    PropertyList::Dictionary theArgumentDomain;
+    const PropertyList::Dictionary& argumentDomainLocked() const;
+
+    mutable std::mutex theMutex;
+    mutable bool theArgumentDomainIsSet = false;
+    mutable PropertyList::Dictionary theArgumentDomain;
+    std::optional<std::string> thePreferencesDirectoryForTesting;
 };
 
 }  // namespace platform

@@ -1,6 +1,6 @@
-// Runs one test of this executable again in a copy of the executable placed
-// elsewhere (say inside an X.app/Contents/MacOS folder), for behaviour that
-// depends on where the running executable lives.
+// Runs the running test again in a process of its own: in this executable,
+// or in a copy of it placed elsewhere (say inside an X.app/Contents/MacOS
+// folder) for behaviour that depends on where the running executable lives.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,8 +13,6 @@
 #include <filesystem>
 #include <string>
 #include <vector>
-
-extern char** environ;  // NOLINT(readability-redundant-declaration)
 
 namespace platformtests {
 

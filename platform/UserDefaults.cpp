@@ -1,0 +1,181 @@
+#include "platform/UserDefaults.h"
+
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "platform/Bundle.h"
+#include "platform/Path.h"
+#include "platform/ProcessInfo.h"
+#include "platform/Text.h"
+#include "platform/User.h"
+
+namespace platform {
+
+namespace {
+
+bool isASCIILetter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool isKeyArgument(const std::string& argument)
+{
+    return argument.size() >= 2 && argument[0] == '-' && isASCIILetter(argument[1]);
+}
+
+// The stored domain's value for key; none when the file is missing, not a
+// dictionary, or lacks the key.
+std::optional<PropertyList> valueInDomainFile(const std::string& path, std::string_view key)
+{
+    const auto domain = PropertyList::dictionaryWithContentsOfFile(path);
+    if (!domain) {
+        return std::nullopt;
+    }
+    const PropertyList* value = domain->objectForKey(key);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    return *value;
+}
+
+int64_t truncatedToInteger(double value)
+{
+    if (std::isnan(value)) {
+        return 0;
+    }
+    // 2^63 is exactly representable; anything at or beyond it saturates.
+    constexpr double limit = 9223372036854775808.0;
+    if (value >= limit) {
+        return std::numeric_limits<int64_t>::max();
+    }
+    if (value <= -limit) {
+        return std::numeric_limits<int64_t>::min();
+    }
+    return static_cast<int64_t>(value);
+}
+
+}  // namespace
+
+UserDefaults::UserDefaults() = default;
+
+UserDefaults& UserDefaults::standardUserDefaults()
+{
+    static UserDefaults defaults;
+    return defaults;
+}
+
+PropertyList::Dictionary UserDefaults::parseArgumentDomain(const std::vector<std::string>& arguments)
+{
+    PropertyList::Dictionary domain;
+    size_t index = 0;
+    while (index < arguments.size()) {
+        const std::string& argument = arguments[index];
+        if (!isKeyArgument(argument)) {
+            ++index;
+            continue;
+        }
+        if (index + 1 >= arguments.size()) {
+            break;
+        }
+        domain.insert_or_assign(argument.substr(1), PropertyList::string(arguments[index + 1]));
+        index += 2;
+    }
+    return domain;
+}
+
+const PropertyList::Dictionary& UserDefaults::argumentDomainLocked() const
+{
+    if (!theArgumentDomainIsSet) {
+        const auto& all = ProcessInfo::arguments();
+        const std::vector<std::string> afterProgramName(all.empty() ? all.end() : all.begin() + 1, all.end());
+        theArgumentDomain = parseArgumentDomain(afterProgramName);
+        theArgumentDomainIsSet = true;
+    }
+    return theArgumentDomain;
+}
+
+const PropertyList::Dictionary& UserDefaults::argumentDomain() const
+{
+    const std::lock_guard<std::mutex> lock(theMutex);
+    return argumentDomainLocked();
+}
+
+void UserDefaults::setArgumentDomainFromArguments(const std::vector<std::string>& arguments)
+{
+    PropertyList::Dictionary domain = parseArgumentDomain(arguments);
+    const std::lock_guard<std::mutex> lock(theMutex);
+    theArgumentDomain = std::move(domain);
+    theArgumentDomainIsSet = true;
+}
+
+std::string UserDefaults::preferencesDirectory() const
+{
+    {
+        const std::lock_guard<std::mutex> lock(theMutex);
+        if (thePreferencesDirectoryForTesting) {
+            return *thePreferencesDirectoryForTesting;
+        }
+    }
+    return appendingPathComponent(appendingPathComponent(homeDirectory(), "Library"), "Preferences");
+}
+
+void UserDefaults::setPreferencesDirectoryForTesting(std::optional<std::string> directory)
+{
+    const std::lock_guard<std::mutex> lock(theMutex);
+    thePreferencesDirectoryForTesting = std::move(directory);
+}
+
+std::optional<PropertyList> UserDefaults::objectForKey(std::string_view key) const
+{
+    {
+        const std::lock_guard<std::mutex> lock(theMutex);
+        const PropertyList::Dictionary& arguments = argumentDomainLocked();
+        auto found = arguments.find(key);
+        if (found != arguments.end()) {
+            return found->second;
+        }
+    }
+    const std::string folder = preferencesDirectory();
+    const auto mainBundle = Bundle::mainBundle();
+    const auto identifier = mainBundle ? mainBundle->bundleIdentifier() : std::nullopt;
+    if (identifier && !identifier->empty()) {
+        auto value = valueInDomainFile(appendingPathComponent(folder, *identifier + ".plist"), key);
+        if (value) {
+            return value;
+        }
+    }
+    return valueInDomainFile(appendingPathComponent(folder, ".GlobalPreferences.plist"), key);
+}
+
+std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const
+{
+    const auto value = objectForKey(key);
+    if (!value || value->asString() == nullptr) {
+        return std::nullopt;
+    }
+    return *value->asString();
+}
+
+int64_t UserDefaults::integerForKey(std::string_view key) const
+{
+    const auto value = objectForKey(key);
+    if (!value) {
+        return 0;
+    }
+    if (const int64_t* integer = value->asInteger()) {
+        return *integer;
+    }
+    if (const double* real = value->asReal()) {
+        return truncatedToInteger(*real);
+    }
+    if (const bool* boolean = value->asBoolean()) {
+        return *boolean ? 1 : 0;
+    }
+    if (const std::string* text = value->asString()) {
+        return integerValue(*text);
+    }
+    return 0;
+}
+
+}  // namespace platform

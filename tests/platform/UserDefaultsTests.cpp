@@ -1,0 +1,249 @@
+#include "platform/UserDefaults.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "platform/ProcessInfo.h"
+#include "platform/PropertyList.h"
+#include "platform/User.h"
+#include "tests/platform/RunCopyOfSelf.h"
+#include "tests/support/TempDir.h"
+
+using platform::PropertyList;
+using platform::UserDefaults;
+
+namespace {
+
+constexpr const char* kChildVariable = "PLATFORM_TESTS_USER_DEFAULTS_CHILD";
+constexpr const char* kPreferencesVariable = "PLATFORM_TESTS_PREFERENCES";
+
+PropertyList::Dictionary strings(const std::vector<std::pair<std::string, std::string>>& pairs)
+{
+    PropertyList::Dictionary entries;
+    for (const auto& [key, value] : pairs) {
+        entries.insert_or_assign(key, PropertyList::string(value));
+    }
+    return entries;
+}
+
+void writeDomain(const std::string& path, PropertyList::Dictionary entries)
+{
+    ASSERT_TRUE(PropertyList::dictionary(std::move(entries)).writeToFile(path, true));
+}
+
+// Runs the running test again in a fresh process of this executable, with
+// kChildVariable set.
+int runInAProcessOfItsOwn()
+{
+    return platformtests::runRunningTestIn(platformtests::runningExecutable(), {std::string(kChildVariable) + "=1"});
+}
+
+// Every test reads its stored domains from a temporary folder of its own.
+class UserDefaultsTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        defaults().setPreferencesDirectoryForTesting(thePreferences.path());
+        defaults().setArgumentDomainFromArguments({});
+    }
+    void TearDown() override { defaults().setPreferencesDirectoryForTesting(std::nullopt); }
+
+    static UserDefaults& defaults() { return UserDefaults::standardUserDefaults(); }
+    std::string globalDomainPath() const { return thePreferences.at(".GlobalPreferences.plist"); }
+
+    testsupport::TempDir thePreferences;
+};
+
+}  // namespace
+
+TEST(UserDefaultsArguments, ParsesKeyValuePairs)
+{
+    const auto domain = UserDefaults::parseArgumentDomain({"-Key", "value", "-Other", "2"});
+    EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"Key", "value"}, {"Other", "2"}})));
+}
+
+TEST(UserDefaultsArguments, ValueMayBeginWithAHyphen)
+{
+    const auto domain = UserDefaults::parseArgumentDomain({"-Key", "-Other", "x"});
+    EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"Key", "-Other"}})));
+}
+
+TEST(UserDefaultsArguments, KeyWithoutAValueIsIgnored)
+{
+    const auto domain = UserDefaults::parseArgumentDomain({"-A", "1", "-B"});
+    EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"A", "1"}})));
+}
+
+TEST(UserDefaultsArguments, SkipsArgumentsThatAreNotKeys)
+{
+    const auto domain = UserDefaults::parseArgumentDomain(
+        {"positional", "-1", "5", "--long", "x", "-", "y", "-\xC3\xA9", "z", "-K", "v"});
+    EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"K", "v"}})));
+}
+
+TEST(UserDefaultsArguments, KeyGivenTwiceKeepsTheLaterValue)
+{
+    const auto domain = UserDefaults::parseArgumentDomain({"-A", "1", "-A", "2"});
+    EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"A", "2"}})));
+}
+
+TEST(UserDefaultsArguments, ArgumentDomainComesFromProcessArgumentsAfterTheProgramName)
+{
+    if (platformtests::environmentValue(kChildVariable).empty()) {
+        // In a process of its own, where nothing has set the argument domain.
+        EXPECT_EQ(runInAProcessOfItsOwn(), 0);
+        return;
+    }
+    platform::ProcessInfo::setArguments({"-Zero", "-Key", "value", "positional"});
+    const auto& domain = UserDefaults::standardUserDefaults().argumentDomain();
+    EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"Key", "value"}})));
+    EXPECT_EQ(UserDefaults::standardUserDefaults().stringForKey("Key"), "value");
+}
+
+TEST(UserDefaultsArguments, SetArgumentDomainFromArgumentsReplacesTheProcessArguments)
+{
+    if (platformtests::environmentValue(kChildVariable).empty()) {
+        EXPECT_EQ(runInAProcessOfItsOwn(), 0);
+        return;
+    }
+    platform::ProcessInfo::setArguments({"program", "-FromProcess", "1"});
+    auto& defaults = UserDefaults::standardUserDefaults();
+    EXPECT_EQ(defaults.argumentDomain().size(), 1U);
+    defaults.setArgumentDomainFromArguments({"-FromFrontEnd", "2"});
+    EXPECT_EQ(PropertyList::dictionary(defaults.argumentDomain()),
+              PropertyList::dictionary(strings({{"FromFrontEnd", "2"}})));
+}
+
+TEST_F(UserDefaultsTest, ArgumentDomainComesFirst)
+{
+    writeDomain(globalDomainPath(), strings({{"Mode", "global"}}));
+    defaults().setArgumentDomainFromArguments({"-Mode", "argument"});
+    EXPECT_EQ(defaults().stringForKey("Mode"), "argument");
+    EXPECT_EQ(defaults().objectForKey("Mode"), PropertyList::string("argument"));
+}
+
+TEST_F(UserDefaultsTest, GlobalDomainAnswersWhatTheArgumentsLack)
+{
+    writeDomain(globalDomainPath(), strings({{"Mode", "global"}}));
+    defaults().setArgumentDomainFromArguments({"-Other", "argument"});
+    EXPECT_EQ(defaults().stringForKey("Mode"), "global");
+    EXPECT_FALSE(defaults().objectForKey("Missing").has_value());
+}
+
+TEST_F(UserDefaultsTest, StoredDomainsAreReadAfreshAtEveryLookUp)
+{
+    EXPECT_FALSE(defaults().stringForKey("Mode").has_value());
+    writeDomain(globalDomainPath(), strings({{"Mode", "first"}}));
+    EXPECT_EQ(defaults().stringForKey("Mode"), "first");
+    writeDomain(globalDomainPath(), strings({{"Mode", "second"}}));
+    EXPECT_EQ(defaults().stringForKey("Mode"), "second");
+    std::filesystem::remove(globalDomainPath());
+    EXPECT_FALSE(defaults().stringForKey("Mode").has_value());
+}
+
+TEST_F(UserDefaultsTest, UnreadableDomainFileIsSkipped)
+{
+    testsupport::writeFile(globalDomainPath(), "not a property list");
+    EXPECT_FALSE(defaults().objectForKey("Mode").has_value());
+    EXPECT_EQ(defaults().integerForKey("Mode"), 0);
+    ASSERT_TRUE(PropertyList::array({PropertyList::string("Mode")}).writeToFile(globalDomainPath(), true));
+    EXPECT_FALSE(defaults().objectForKey("Mode").has_value());
+}
+
+TEST_F(UserDefaultsTest, StringForKeyAnswersStringsOnly)
+{
+    PropertyList::Dictionary entries;
+    entries.emplace("Text", PropertyList::string("words"));
+    entries.emplace("Number", PropertyList::integer(3));
+    entries.emplace("Flag", PropertyList::boolean(true));
+    writeDomain(globalDomainPath(), entries);
+    EXPECT_EQ(defaults().stringForKey("Text"), "words");
+    EXPECT_FALSE(defaults().stringForKey("Number").has_value());
+    EXPECT_FALSE(defaults().stringForKey("Flag").has_value());
+    EXPECT_FALSE(defaults().stringForKey("Missing").has_value());
+    EXPECT_EQ(defaults().objectForKey("Number"), PropertyList::integer(3));
+}
+
+TEST_F(UserDefaultsTest, IntegerForKeyConvertsNumbersBooleansAndStrings)
+{
+    PropertyList::Dictionary entries;
+    entries.emplace("Integer", PropertyList::integer(-42));
+    entries.emplace("Real", PropertyList::real(2.9));
+    entries.emplace("NegativeReal", PropertyList::real(-2.9));
+    entries.emplace("HugeReal", PropertyList::real(1e30));
+    entries.emplace("True", PropertyList::boolean(true));
+    entries.emplace("False", PropertyList::boolean(false));
+    entries.emplace("Version", PropertyList::string("  10.0.3"));
+    entries.emplace("Word", PropertyList::string("x"));
+    entries.emplace("Data", PropertyList::data({1}));
+    entries.emplace("Array", PropertyList::array({PropertyList::integer(5)}));
+    writeDomain(globalDomainPath(), entries);
+    EXPECT_EQ(defaults().integerForKey("Integer"), -42);
+    EXPECT_EQ(defaults().integerForKey("Real"), 2);
+    EXPECT_EQ(defaults().integerForKey("NegativeReal"), -2);
+    EXPECT_EQ(defaults().integerForKey("HugeReal"), std::numeric_limits<int64_t>::max());
+    EXPECT_EQ(defaults().integerForKey("True"), 1);
+    EXPECT_EQ(defaults().integerForKey("False"), 0);
+    EXPECT_EQ(defaults().integerForKey("Version"), 10);
+    EXPECT_EQ(defaults().integerForKey("Word"), 0);
+    EXPECT_EQ(defaults().integerForKey("Data"), 0);
+    EXPECT_EQ(defaults().integerForKey("Array"), 0);
+    EXPECT_EQ(defaults().integerForKey("Missing"), 0);
+}
+
+TEST_F(UserDefaultsTest, IntegerForKeyReadsArgumentStrings)
+{
+    defaults().setArgumentDomainFromArguments({"-Count", "12", "-Negative", "-3"});
+    EXPECT_EQ(defaults().integerForKey("Count"), 12);
+    EXPECT_EQ(defaults().integerForKey("Negative"), -3);
+}
+
+TEST_F(UserDefaultsTest, PreferencesDirectoryIsInTheHomeLibraryUnlessSetForTesting)
+{
+    EXPECT_EQ(defaults().preferencesDirectory(), thePreferences.path());
+    defaults().setPreferencesDirectoryForTesting(std::nullopt);
+    EXPECT_EQ(defaults().preferencesDirectory(), platform::homeDirectory() + "/Library/Preferences");
+}
+
+// The application domain is named after the main bundle's identifier, so this
+// runs in a copy of the test executable inside an app with an identifier.
+TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlobalDomain)
+{
+    const std::string preferences = platformtests::environmentValue(kPreferencesVariable);
+    if (!preferences.empty()) {
+        auto& defaults = UserDefaults::standardUserDefaults();
+        defaults.setPreferencesDirectoryForTesting(preferences);
+        defaults.setArgumentDomainFromArguments({"-Everywhere", "argument"});
+        EXPECT_EQ(defaults.stringForKey("Everywhere"), "argument");
+        EXPECT_EQ(defaults.stringForKey("AppAndGlobal"), "application");
+        EXPECT_EQ(defaults.stringForKey("AppOnly"), "application");
+        EXPECT_EQ(defaults.stringForKey("GlobalOnly"), "global");
+        EXPECT_EQ(defaults.integerForKey("Number"), 7);
+        return;
+    }
+    testsupport::TempDir dir;
+    const std::string app = dir.at("Probe.app");
+    PropertyList::Dictionary info;
+    info.emplace("CFBundleIdentifier", PropertyList::string("com.example.probe"));
+    info.emplace("CFBundleExecutable", PropertyList::string("probe"));
+    testsupport::makeDirectories(app + "/Contents");
+    writeDomain(app + "/Contents/Info.plist", info);
+    platformtests::copyRunningExecutable(app + "/Contents/MacOS/probe");
+
+    const std::string folder = dir.at("Preferences");
+    testsupport::makeDirectories(folder);
+    auto application =
+        strings({{"Everywhere", "application"}, {"AppAndGlobal", "application"}, {"AppOnly", "application"}});
+    application.emplace("Number", PropertyList::integer(7));
+    writeDomain(folder + "/com.example.probe.plist", application);
+    writeDomain(folder + "/.GlobalPreferences.plist",
+                strings({{"Everywhere", "global"}, {"AppAndGlobal", "global"}, {"GlobalOnly", "global"}}));
+
+    EXPECT_EQ(platformtests::runRunningTestIn(app + "/Contents/MacOS/probe",
+                                              {std::string(kPreferencesVariable) + "=" + folder}),
+              0);
+}
