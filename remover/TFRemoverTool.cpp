@@ -62,8 +62,9 @@ const std::string& elementAt(const std::vector<std::string>& pieces, std::size_t
 {
     if (index >= pieces.size()) {
         platform::Exception::raise(platform::kRangeException,
-                                   "index " + std::to_string(index) + " beyond bounds [0 .. " +
-                                       std::to_string(pieces.size()) + "]");
+                                   "index " + std::to_string(index) +
+                                       (pieces.empty() ? std::string(" beyond bounds for empty array")
+                                                       : " beyond bounds [0 .. " + std::to_string(pieces.size() - 1) + "]"));
     }
     return pieces[index];
 }

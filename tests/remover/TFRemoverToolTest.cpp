@@ -145,6 +145,7 @@ TEST(ObtainVolume, PathWithoutSlashRaisesIndexOutOfRange)
         FAIL() << "no exception";
     } catch (const platform::Exception& exception) {
         EXPECT_EQ(exception.name(), "NSRangeException");
+        EXPECT_EQ(exception.reason(), "index 1 beyond bounds [0 .. 0]");
     }
 }
 
