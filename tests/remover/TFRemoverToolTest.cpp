@@ -327,6 +327,22 @@ TEST(RemoveIconForFolder, PlatformExceptionPrintsTheCaughtLineAndReturns)
               "Exception caught: icon refused. Could not handle the image data.\n");
 }
 
+TEST(RemoveIconForFolder, ExceptionWhileClearingLeavesTheFolderStepToRunAsUsual)
+{
+    TempDir dir;
+    std::filesystem::create_directory(dir.at("App"));
+    ThrowingWorkspace workspace([] { platform::Exception::raise("TestException", "no image data"); });
+    const WorkspaceOverride override(&workspace);
+    TFRemoverTool remover;
+    // The two calls the sequence makes for the application folder, in order.
+    EXPECT_EQ(runCapturingOutput([&] {
+                  remover.removeIconForFolder(dir.at("App"));
+                  remover.deleteParentFolder(dir.at("App"));
+              }),
+              "Exception caught: no image data. Could not handle the image data.\nRemoved " + dir.at("App") + ".\n");
+    EXPECT_FALSE(exists(dir.at("App")));
+}
+
 TEST(RemoveIconForFolder, OtherThrownTypesPassOn)
 {
     TempDir dir;
