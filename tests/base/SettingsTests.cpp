@@ -32,6 +32,7 @@ std::string makeBundleCopy(const testsupport::TempDir& dir, const std::string& e
 {
     std::string bundle = dir.at("Copy.app");
     testsupport::writeFile(bundle + "/Contents/Info.plist", infoPlist(extraEntries));
+    testsupport::makeDirectories(bundle + "/Contents/MacOS");
     std::filesystem::copy_file(basetest::qelutilPathIn(basetest::bundlePath()), basetest::qelutilPathIn(bundle));
     return bundle;
 }
