@@ -13,6 +13,8 @@
 #include <utility>
 #include <variant>
 
+#include "platform/FileManager.h"
+
 namespace platform {
 
 struct PropertyList::Storage {
@@ -395,29 +397,11 @@ std::optional<PropertyList> PropertyList::fromBytes(std::string_view bytes)
 
 std::optional<PropertyList> PropertyList::readFromFile(const std::string& path)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const std::optional<std::string> bytes = FileManager::defaultManager().contentsAtPath(path);
+    if (!bytes) {
         return std::nullopt;
     }
-    std::string bytes;
-    char buffer[65536];
-    bool failed = false;
-    for (;;) {
-        const ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count > 0) {
-            bytes.append(buffer, static_cast<size_t>(count));
-        } else if (count == 0) {
-            break;
-        } else if (errno != EINTR) {
-            failed = true;
-            break;
-        }
-    }
-    ::close(fd);
-    if (failed) {
-        return std::nullopt;
-    }
-    return fromBytes(bytes);
+    return fromBytes(*bytes);
 }
 
 std::optional<PropertyList> PropertyList::dictionaryWithContentsOfFile(const std::string& path)

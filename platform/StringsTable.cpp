@@ -1,11 +1,10 @@
 #include "platform/StringsTable.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <unistd.h>
 #include <utility>
 
+#include "platform/FileManager.h"
 #include "platform/PropertyList.h"
+#include "platform/Text.h"
 
 namespace platform {
 
@@ -90,20 +89,6 @@ bool isUnquotedCharacter(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '$' ||
            c == '+' || c == '/' || c == ':' || c == '.' || c == '-';
-}
-
-int hexDigitValue(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
 }
 
 // The classic text form: a sequence of  "key" = "value";  or  "key";
@@ -349,29 +334,11 @@ std::optional<StringsTable::Table> StringsTable::parse(std::string_view bytes)
 
 std::optional<StringsTable::Table> StringsTable::readFromFile(const std::string& path)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const std::optional<std::string> bytes = FileManager::defaultManager().contentsAtPath(path);
+    if (!bytes) {
         return std::nullopt;
     }
-    std::string bytes;
-    char buffer[65536];
-    bool failed = false;
-    for (;;) {
-        const ssize_t count = ::read(fd, buffer, sizeof buffer);
-        if (count > 0) {
-            bytes.append(buffer, static_cast<size_t>(count));
-        } else if (count == 0) {
-            break;
-        } else if (errno != EINTR) {
-            failed = true;
-            break;
-        }
-    }
-    ::close(fd);
-    if (failed) {
-        return std::nullopt;
-    }
-    return parse(bytes);
+    return parse(*bytes);
 }
 
 }  // namespace platform

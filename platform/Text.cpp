@@ -117,24 +117,6 @@ int32_t intValue(std::string_view text)
     return static_cast<int32_t>(value);
 }
 
-namespace {
-
-int hexDigitValue(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-}  // namespace
-
 std::optional<std::string> replacingPercentEscapes(std::string_view text)
 {
     std::string decoded;
@@ -197,6 +179,20 @@ std::optional<std::vector<uint8_t>> dataUsingUTF8Encoding(std::string_view text)
 const char* utf8StringOrNull(const std::optional<std::string>& text)
 {
     return text ? text->c_str() : "(null)";
+}
+
+int hexDigitValue(char c)
+{
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
 }
 
 }  // namespace platform

@@ -19,6 +19,8 @@ int32_t intValue(std::string_view text);
 // Percent escapes decoded as UTF-8: "A%20B" -> "A B". None when the decoded
 // bytes are not valid UTF-8.
 std::optional<std::string> replacingPercentEscapes(std::string_view text);
+// The value of a hexadecimal digit (either case), or -1 for any other byte.
+int hexDigitValue(char c);
 bool hasPrefix(std::string_view text, std::string_view prefix);
 bool containsString(std::string_view text, std::string_view part);
 bool isValidUTF8(std::string_view text);

@@ -213,3 +213,18 @@ TEST(Utf8StringOrNull, PrintsThePresentString)
     std::snprintf(line, sizeof line, "[%s]", utf8StringOrNull(std::optional<std::string>("")));
     EXPECT_STREQ(line, "[]");
 }
+
+TEST(HexDigitValue, DigitsOfEitherCaseHaveTheirValues)
+{
+    EXPECT_EQ(platform::hexDigitValue('0'), 0);
+    EXPECT_EQ(platform::hexDigitValue('9'), 9);
+    EXPECT_EQ(platform::hexDigitValue('a'), 10);
+    EXPECT_EQ(platform::hexDigitValue('F'), 15);
+}
+
+TEST(HexDigitValue, OtherBytesAreMinusOne)
+{
+    EXPECT_EQ(platform::hexDigitValue('g'), -1);
+    EXPECT_EQ(platform::hexDigitValue('%'), -1);
+    EXPECT_EQ(platform::hexDigitValue('\0'), -1);
+}
