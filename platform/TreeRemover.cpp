@@ -304,6 +304,20 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
     if (components.empty()) {
         return false;
     }
+    if (components.size() == 1) {
+        // Anything but a folder goes with one unlink of its full path: the
+        // last component is never followed, a folder answers EISDIR and a
+        // mount point EBUSY. Only folders need the walk below.
+        const std::string path =
+            folder.empty() ? components.front()
+                           : folder + (folder.back() == '/' ? "" : "/") + components.front();
+        if (::unlinkat(AT_FDCWD, path.c_str(), 0) == 0) {
+            return true;
+        }
+        if (errno != EISDIR) {
+            return false;
+        }
+    }
     FolderHandle current(folder);
     for (std::size_t i = 0; current.valid() && i + 1 < components.size(); ++i) {
         current.descend(components[i]);

@@ -260,6 +260,28 @@ TEST(WorkspaceDestroy, MountPointInsideTheItemStaysAndMakesItFalse)
     EXPECT_FALSE(present(dir.at("item/file")));
 }
 
+TEST(WorkspaceDestroy, FileThatIsItselfAMountPointStaysAndMakesItFalse)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "mounting needs root";
+    }
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        GTEST_SKIP() << "no private mount namespace here";
+    }
+    TempDir dir;
+    writeFile(dir.at("elsewhere"), "bound");
+    writeFile(dir.at("item"), "under the mount");
+    const std::string mountPoint = dir.at("item");
+    ASSERT_EQ(::mount(dir.at("elsewhere").c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr), 0);
+    struct Unmount {
+        std::string path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{mountPoint};
+
+    EXPECT_FALSE(destroy(dir.path(), {"item"}));
+    EXPECT_EQ(readFile(dir.at("item")), "bound");
+}
+
 TEST(WorkspaceDestroy, TagReceivesZero)
 {
     TempDir dir;
