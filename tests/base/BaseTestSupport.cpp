@@ -1,6 +1,7 @@
 #include "tests/base/BaseTestSupport.h"
 
 #include <array>
+#include <filesystem>
 #include <cerrno>
 #include <poll.h>
 #include <pwd.h>
@@ -95,6 +96,11 @@ RunResult runSandboxed(const std::string& homeFolder, const std::string& executa
 {
     std::vector<std::string> argv{"bwrap", "--ro-bind", "/", "/", "--tmpfs", "/tmp",
                                   "--bind", homeFolder, homeOfRunningUser()};
+    // The fresh /tmp would hide a build that lives below /tmp: the
+    // executable's own bundle (X.app/Contents/MacOS/exe) is bound back in.
+    const std::string bundle =
+        std::filesystem::path(executable).parent_path().parent_path().parent_path().string();
+    argv.insert(argv.end(), {"--ro-bind", bundle, bundle});
     for (const auto& path : readablePaths) {
         argv.insert(argv.end(), {"--ro-bind", path, path});
     }
