@@ -1,5 +1,7 @@
 #include "platform/UserDefaults.h"
 
+#include <array>
+#include <charconv>
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -151,10 +153,25 @@ std::optional<PropertyList> UserDefaults::objectForKey(std::string_view key) con
 std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const
 {
     const auto value = objectForKey(key);
-    if (!value || value->asString() == nullptr) {
+    if (!value) {
         return std::nullopt;
     }
-    return *value->asString();
+    if (const std::string* text = value->asString()) {
+        return *text;
+    }
+    // Numbers answer their text, as the settings store gives them.
+    if (const int64_t* number = value->asInteger()) {
+        return std::to_string(*number);
+    }
+    if (const bool* flag = value->asBoolean()) {
+        return std::string(*flag ? "1" : "0");
+    }
+    if (const double* real = value->asReal()) {
+        std::array<char, 32> buffer{};
+        const auto written = std::to_chars(buffer.data(), buffer.data() + buffer.size(), *real);
+        return std::string(buffer.data(), written.ptr);
+    }
+    return std::nullopt;
 }
 
 int64_t UserDefaults::integerForKey(std::string_view key) const

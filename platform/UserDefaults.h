@@ -22,7 +22,8 @@ public:
 
     // The first domain's value for key, in the order above.
     std::optional<PropertyList> objectForKey(std::string_view key) const;
-    // A string value, or none (values of other types give none).
+    // A string value; a number or boolean gives its text ("42", "2.5", "1");
+    // none for other types.
     std::optional<std::string> stringForKey(std::string_view key) const;
     // An integer, a real (truncated), a boolean (0/1) or a string read as
     // integerValue; 0 when missing or of another type.

@@ -154,16 +154,20 @@ TEST_F(UserDefaultsTest, UnreadableDomainFileIsSkipped)
     EXPECT_FALSE(defaults().objectForKey("Mode").has_value());
 }
 
-TEST_F(UserDefaultsTest, StringForKeyAnswersStringsOnly)
+TEST_F(UserDefaultsTest, StringForKeyAnswersTextAndTheTextOfNumbers)
 {
     PropertyList::Dictionary entries;
     entries.emplace("Text", PropertyList::string("words"));
     entries.emplace("Number", PropertyList::integer(3));
+    entries.emplace("Real", PropertyList::real(2.5));
     entries.emplace("Flag", PropertyList::boolean(true));
+    entries.emplace("List", PropertyList::array({PropertyList::string("x")}));
     writeDomain(globalDomainPath(), entries);
     EXPECT_EQ(defaults().stringForKey("Text"), "words");
-    EXPECT_FALSE(defaults().stringForKey("Number").has_value());
-    EXPECT_FALSE(defaults().stringForKey("Flag").has_value());
+    EXPECT_EQ(defaults().stringForKey("Number"), "3");
+    EXPECT_EQ(defaults().stringForKey("Real"), "2.5");
+    EXPECT_EQ(defaults().stringForKey("Flag"), "1");
+    EXPECT_FALSE(defaults().stringForKey("List").has_value());
     EXPECT_FALSE(defaults().stringForKey("Missing").has_value());
     EXPECT_EQ(defaults().objectForKey("Number"), PropertyList::integer(3));
 }
