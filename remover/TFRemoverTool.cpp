@@ -264,9 +264,13 @@ bool TFRemoverTool::bundleVersionIsCurrent(const std::string& bundlePath)
     const std::optional<platform::Bundle> bundle = platform::Bundle::bundleWithPath(bundlePath);
     const std::optional<platform::PropertyList> version =
         bundle ? bundle->objectForInfoDictionaryKey("CFBundleVersion") : std::nullopt;
-    const std::string* text = version ? version->asString() : nullptr;
-    if (text == nullptr) {
+    if (!version) {
         return false;
+    }
+    const std::string* text = version->asString();
+    if (text == nullptr) {
+        platform::Exception::raise(platform::kInvalidArgumentException, "CFBundleVersion of " + bundlePath +
+                                                                            " is not text");
     }
     const std::vector<std::string> pieces = platform::componentsSeparatedByString(*text, ".");
     return platform::integerValue(pieces.front()) == kCurrentMajorVersion;

@@ -27,7 +27,9 @@ public:
     // True when the plug-in's preference file names this application.
     // Throws platform::Exception when the named value is not text.
     bool shouldDeleteBrowserPlugin();
-    // True when the bundle's version is of major version 10.
+    // True when the bundle's version is of major version 10; false when the
+    // bundle cannot be opened or names no version. Throws platform::Exception
+    // when the version is not text.
     bool bundleVersionIsCurrent(const std::string& bundlePath);
 
     // Package receipts.

@@ -66,6 +66,28 @@ TEST(PrintComponentsAndFolderTest, NeitherPrintComponentPresentGivesTwoNotFoundL
                                          line(kRemoved, kDefaultFolder));
 }
 
+TEST(PrintComponentsAndFolderTest, PrintComponentVersionThatIsNotTextEndsTheRunAbnormally)
+{
+    Sandbox sandbox;
+    installApp(sandbox, kDefaultApp);
+    sandbox.writeFile(std::string(kAutomatorAction) + "/Contents/Info.plist",
+                      "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleVersion</key>"
+                      "<integer>10</integer></dict></plist>\n");
+    installVersionedBundle(sandbox, kPdfServicesApp, "10.0");
+
+    const RunResult result = sandbox.run({"x", kDefaultApp});
+
+    EXPECT_TRUE(result.signaled) << describe(result);
+    EXPECT_EQ(result.signalNumber, 6) << describe(result);
+    // Everything before the print components is in the output; neither
+    // component nor the application folder was dealt with.
+    EXPECT_EQ(result.standardOutput, linesBeforeComponents());
+    EXPECT_NE(result.standardError.find("NSInvalidArgumentException"), std::string::npos) << result.standardError;
+    EXPECT_TRUE(sandbox.exists(kAutomatorAction));
+    EXPECT_TRUE(sandbox.exists(kPdfServicesApp));
+    EXPECT_TRUE(sandbox.exists(kDefaultFolder));
+}
+
 TEST(PrintComponentsAndFolderTest, PrintComponentOfAnotherVersionGetsNoLineAndStays)
 {
     Sandbox sandbox;

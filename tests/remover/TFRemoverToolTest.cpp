@@ -206,6 +206,19 @@ TEST_F(BundleVersionTest, BundleWithoutVersionIsNotCurrent)
     EXPECT_FALSE(remover.bundleVersionIsCurrent(dir.at("Bare.app")));
 }
 
+TEST_F(BundleVersionTest, VersionThatIsNotTextRaisesInvalidArgument)
+{
+    writeFile(dir.at("Odd.app/Contents/Info.plist"),
+              "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict><key>CFBundleVersion</key>"
+              "<integer>10</integer></dict></plist>");
+    try {
+        remover.bundleVersionIsCurrent(dir.at("Odd.app"));
+        FAIL() << "no exception";
+    } catch (const platform::Exception& exception) {
+        EXPECT_EQ(exception.name(), "NSInvalidArgumentException");
+    }
+}
+
 TEST_F(BundleVersionTest, MissingBundleIsNotCurrent)
 {
     EXPECT_FALSE(remover.bundleVersionIsCurrent(dir.at("Nowhere.app")));
