@@ -1,8 +1,9 @@
 #include "platform/Bundle.h"
 
+#include <map>
+#include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <utility>
 #include <vector>
 
@@ -72,11 +73,16 @@ std::optional<Bundle> Bundle::bundleWithPath(const std::string& path)
 
 std::optional<Bundle> Bundle::mainBundle()
 {
-    const auto executable = runningExecutablePath();
-    if (!executable) {
-        return std::nullopt;
-    }
-    return bundleWithPath(bundleFolderOfExecutable(*executable));
+    // Found once: the process keeps its bundle even if the files it was
+    // started from go away during the run.
+    static const std::optional<Bundle> theMainBundle = []() -> std::optional<Bundle> {
+        const auto executable = runningExecutablePath();
+        if (!executable) {
+            return std::nullopt;
+        }
+        return bundleWithPath(bundleFolderOfExecutable(*executable));
+    }();
+    return theMainBundle;
 }
 
 std::optional<PropertyList> Bundle::infoDictionary() const
@@ -132,7 +138,15 @@ std::string Bundle::localizedStringForKey(std::string_view key) const
         appendingPathComponent(appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Resources"),
                                "English.lproj"),
         "Localizable.strings");
-    const auto table = StringsTable::readFromFile(tablePath);
+    // A bundle's strings table is read once per process and kept.
+    static std::mutex cacheLock;
+    static std::map<std::string, std::optional<StringsTable::Table>, std::less<>> cache;
+    const std::lock_guard<std::mutex> guard(cacheLock);
+    auto cached = cache.find(tablePath);
+    if (cached == cache.end()) {
+        cached = cache.emplace(tablePath, StringsTable::readFromFile(tablePath)).first;
+    }
+    const std::optional<StringsTable::Table>& table = cached->second;
     if (table) {
         auto found = table->find(key);
         if (found != table->end()) {

@@ -17,8 +17,9 @@ class Bundle {
 public:
     // A bundle for an existing folder; none otherwise.
     static std::optional<Bundle> bundleWithPath(const std::string& path);
-    // Found from the running executable: for X.app/Contents/MacOS/n it is
-    // X.app; an executable outside that layout makes its own folder the bundle.
+    // Found once from the running executable: for X.app/Contents/MacOS/n it
+    // is X.app; an executable outside that layout makes its own folder the
+    // bundle.
     static std::optional<Bundle> mainBundle();
 
     const std::string& bundlePath() const noexcept { return thePath; }
@@ -29,8 +30,8 @@ public:
     std::optional<std::string> bundleIdentifier() const;
     // Contents/Resources/<name>.<type> (then English.lproj/), when it exists.
     std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
-    // From English.lproj/Localizable.strings; the key itself when there is no
-    // table or no entry.
+    // From English.lproj/Localizable.strings, read once per process; the key
+    // itself when there is no table or no entry.
     std::string localizedStringForKey(std::string_view key) const;
     // Contents/MacOS/<CFBundleExecutable>, when the info names one.
     std::optional<std::string> executablePath() const;

@@ -3,8 +3,6 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <filesystem>
-#include <map>
-#include <mutex>
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
@@ -435,19 +433,8 @@ bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
 
 std::string TFRemoverTool::statusWord(const char* key)
 {
-    // The strings table does not change during a run; a long list would
-    // otherwise read it once per line.
-    static std::mutex cacheLock;
-    static std::map<std::string, std::string, std::less<>> cache;
-    const std::lock_guard<std::mutex> guard(cacheLock);
-    const auto found = cache.find(key);
-    if (found != cache.end()) {
-        return found->second;
-    }
     const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
-    std::string word = mainBundle ? mainBundle->localizedStringForKey(key) : std::string(key);
-    cache.emplace(key, word);
-    return word;
+    return mainBundle ? mainBundle->localizedStringForKey(key) : std::string(key);
 }
 
 void TFRemoverTool::printStatus(const char* key, const std::string& subject)

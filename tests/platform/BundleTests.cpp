@@ -160,6 +160,21 @@ TEST(BundleTest, LocalizedStringIsTheKeyWithoutAUsableTable)
     EXPECT_EQ(Bundle::bundleWithPath(dir.at("Bad.app"))->localizedStringForKey("a"), "a");
 }
 
+TEST(BundleTest, StringsTableReadOnceIsKeptForTheProcess)
+{
+    testsupport::TempDir dir;
+    const std::string table = dir.at("X.app/Contents/Resources/English.lproj/Localizable.strings");
+    testsupport::writeFile(table, "\"Removed\" = \"Gone\";\n");
+    const auto bundle = Bundle::bundleWithPath(dir.at("X.app"));
+    ASSERT_TRUE(bundle.has_value());
+    EXPECT_EQ(bundle->localizedStringForKey("Removed"), "Gone");
+    // Changing or removing the table during the run changes nothing.
+    testsupport::writeFile(table, "\"Removed\" = \"Deleted\";\n");
+    EXPECT_EQ(bundle->localizedStringForKey("Removed"), "Gone");
+    std::filesystem::remove(table);
+    EXPECT_EQ(Bundle::bundleWithPath(dir.at("X.app"))->localizedStringForKey("Removed"), "Gone");
+}
+
 TEST(BundleTest, ExecutablePathIsTheNamedExecutableWhenItExists)
 {
     testsupport::TempDir dir;
