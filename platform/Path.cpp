@@ -2,6 +2,9 @@
 
 #include "platform/User.h"
 
+#include <climits>
+#include <unistd.h>
+
 namespace platform {
 
 namespace {
@@ -146,6 +149,17 @@ std::string expandingTildeInPath(std::string_view path)
         return std::string(path);
     }
     return appendingPathComponent(home, rest);
+}
+
+std::string fileURLPath(std::string_view path)
+{
+    std::string absolute(path);
+    if (path.empty() || path.front() != '/') {
+        char folder[PATH_MAX];
+        const char* current = ::getcwd(folder, sizeof folder) != nullptr ? folder : "/";
+        absolute = path.empty() ? std::string(current) : appendingPathComponent(current, path);
+    }
+    return std::string(trimmingTrailingSlashes(absolute));
 }
 
 }  // namespace platform

@@ -19,5 +19,9 @@ bool isAbsolutePath(std::string_view path);
 // "~" and "~/x" use the effective user's home folder, "~user/x" that user's;
 // an unknown user leaves the path as written.
 std::string expandingTildeInPath(std::string_view path);
+// The path of a file URL made from the path: a path not starting with "/" is
+// taken from the current folder (from "/" when that cannot be read), and
+// trailing slashes are dropped. Nothing else is resolved.
+std::string fileURLPath(std::string_view path);
 
 }  // namespace platform

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <dlfcn.h>
-#include <filesystem>
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
@@ -99,20 +98,6 @@ const char* failingStatusName(int32_t status)
     case 1: return "HOV_USTATUS_IGNORE";
     default: return nullptr;
     }
-}
-
-// The path of a file URL made from a path: relative paths are taken from the
-// current folder, and trailing slashes are dropped.
-std::string fileURLPath(const std::string& path)
-{
-    std::string absolute = path;
-    if (!platform::hasPrefix(path, "/")) {
-        absolute = platform::appendingPathComponent(std::filesystem::current_path().string(), path);
-    }
-    while (absolute.size() > 1 && absolute.back() == '/') {
-        absolute.pop_back();
-    }
-    return absolute;
 }
 
 }  // namespace
@@ -410,7 +395,7 @@ void TFRemoverTool::removeQELLaunchdAgent()
     std::optional<std::string> plistPath;
     bool succeeded = false;
     try {
-        const std::string bundlePath = fileURLPath(theAppPath.value_or(""));
+        const std::string bundlePath = platform::fileURLPath(theAppPath.value_or(""));
         plistPath = QELAgentPlistPath(bundlePath);
         if (const std::optional<platform::Bundle> bundle = platform::Bundle::bundleWithPath(bundlePath)) {
             SetupQELAgent(*bundle, std::nullopt, false);

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
+
+#include "tests/support/TempDir.h"
 
 using platform::appendingPathComponent;
 using platform::appendingPathExtension;
@@ -255,4 +258,25 @@ TEST(ExpandingTildeInPath, PathWithoutTildeIsUnchanged)
     EXPECT_EQ(expandingTildeInPath("/tmp/x"), "/tmp/x");
     EXPECT_EQ(expandingTildeInPath("x/~"), "x/~");
     EXPECT_EQ(expandingTildeInPath(""), "");
+}
+
+TEST(FileURLPath, AbsolutePathStaysAsWritten)
+{
+    EXPECT_EQ(platform::fileURLPath("/Applications/X Pro/App.app"), "/Applications/X Pro/App.app");
+}
+
+TEST(FileURLPath, TrailingSlashesAreDropped)
+{
+    EXPECT_EQ(platform::fileURLPath("/Applications/App.app//"), "/Applications/App.app");
+    EXPECT_EQ(platform::fileURLPath("/"), "/");
+}
+
+TEST(FileURLPath, RelativePathIsTakenFromTheCurrentFolder)
+{
+    testsupport::TempDir dir;
+    ASSERT_EQ(::chdir(dir.path().c_str()), 0);
+    const std::string current = std::filesystem::current_path().string();
+    EXPECT_EQ(platform::fileURLPath("Volumes/Backup/App.app/"), current + "/Volumes/Backup/App.app");
+    EXPECT_EQ(platform::fileURLPath("a/../b"), current + "/a/../b");
+    EXPECT_EQ(platform::fileURLPath(""), current);
 }
