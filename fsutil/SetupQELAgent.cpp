@@ -103,24 +103,38 @@ void installAgent(const std::string& bundlePath, const std::optional<std::string
     runLaunchctl(kLaunchctl_Arg_load, plistPath);
 }
 
+// Where a bundle's agent lives: the user's Library folder, its LaunchAgents
+// folder, the label and the property-list path, worked out in that order.
+struct AgentLocation {
+    explicit AgentLocation(const std::string& bundlePath)
+        : library(userLibraryFolder()),
+          agents(platform::appendingPathComponent(library, kAgentsFolderName)),
+          label(kAgentLabelPrefix + QELUHashOfAppPath(bundlePath)),
+          plistPath(platform::appendingPathComponent(agents, platform::appendingPathExtension(label, "plist")))
+    {
+    }
+    std::string library;
+    std::string agents;
+    std::string label;
+    std::string plistPath;
+};
+
 }  // namespace
 
 std::string QELAgentPlistPath(const std::string& bundlePath)
 {
-    const std::string agents = platform::appendingPathComponent(userLibraryFolder(), kAgentsFolderName);
-    const std::string label = kAgentLabelPrefix + QELUHashOfAppPath(bundlePath);
-    return platform::appendingPathComponent(agents, platform::appendingPathExtension(label, "plist"));
+    return AgentLocation(bundlePath).plistPath;
 }
 
 void SetupQELAgent(const platform::Bundle& bundle, const std::optional<std::string>& appName, bool install)
 {
     const FileManager& fileManager = FileManager::defaultManager();
     const std::string& bundlePath = bundle.bundlePath();
-    const std::string library = userLibraryFolder();
-    const std::string agents = platform::appendingPathComponent(library, kAgentsFolderName);
-    const std::string label = kAgentLabelPrefix + QELUHashOfAppPath(bundlePath);
-    const std::string plistPath =
-        platform::appendingPathComponent(agents, platform::appendingPathExtension(label, "plist"));
+    const AgentLocation location(bundlePath);
+    const std::string& library = location.library;
+    const std::string& agents = location.agents;
+    const std::string& label = location.label;
+    const std::string& plistPath = location.plistPath;
 
     bool isDirectory = false;
     if (!fileManager.fileExistsAtPath(library, &isDirectory) || !isDirectory) {
