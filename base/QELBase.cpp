@@ -200,8 +200,7 @@ bool QELBase::condShouldTriggerErrorCode(bool condition, int32_t code)
         return true;
     }
     platform::ConsoleLog::log("Error " + std::to_string(code) + " forced for testing but count only " +
-                              std::to_string(forcedCount) + " out of " +
-                              std::to_string(wrappingAdd(skipCount, 1)));
+                              std::to_string(forcedCount) + " out of " + std::to_string(wrappingAdd(skipCount, 1)));
     return false;
 }
 

@@ -78,15 +78,14 @@ bool isStaleAgent(const std::string& plistPath)
     return !FileManager::defaultManager().fileExistsAtPath(program);
 }
 
-void installAgent(const std::string& bundlePath, const std::optional<std::string>& appName,
-                  const std::string& label, const std::string& plistPath)
+void installAgent(const std::string& bundlePath, const std::optional<std::string>& appName, const std::string& label,
+                  const std::string& plistPath)
 {
     if (!appName) {
         platform::Exception::raise(platform::kInvalidArgumentException, "no application name to find the helper");
     }
-    const std::string helperPath =
-        platform::appendingPathComponent(platform::appendingPathComponent(bundlePath, kHelperFolder),
-                                         *appName + kHelperSuffix);
+    const std::string helperPath = platform::appendingPathComponent(
+        platform::appendingPathComponent(bundlePath, kHelperFolder), *appName + kHelperSuffix);
     const std::optional<platform::Bundle> helper = platform::Bundle::bundleWithPath(helperPath);
     const std::optional<std::string> executable = helper ? helper->executablePath() : std::nullopt;
     if (!executable) {

@@ -99,10 +99,9 @@ std::string Date::description() const
     }
     const CivilDate date = days < gregorianReformDay ? julianDateFromDays(days) : gregorianDateFromDays(days);
     char text[64] = {};
-    std::snprintf(text, sizeof text, "%04lld-%02u-%02u %02lld:%02lld:%02lld +0000",
-                  static_cast<long long>(date.year), date.month, date.day,
-                  static_cast<long long>(secondOfDay / 3600), static_cast<long long>(secondOfDay / 60 % 60),
-                  static_cast<long long>(secondOfDay % 60));
+    std::snprintf(text, sizeof text, "%04lld-%02u-%02u %02lld:%02lld:%02lld +0000", static_cast<long long>(date.year),
+                  date.month, date.day, static_cast<long long>(secondOfDay / 3600),
+                  static_cast<long long>(secondOfDay / 60 % 60), static_cast<long long>(secondOfDay % 60));
     return text;
 }
 

@@ -5,7 +5,9 @@
 namespace platform {
 
 Exception::Exception(std::string name, std::string reason, UserInfo userInfo)
-    : theName(std::move(name)), theReason(std::move(reason)), theUserInfo(std::move(userInfo))
+    : theName(std::move(name)),
+      theReason(std::move(reason)),
+      theUserInfo(std::move(userInfo))
 {
 }
 

@@ -20,7 +20,8 @@ namespace platform {
 struct PropertyList::Storage {
     template <typename T, typename V>
     Storage(Type kind, std::in_place_type_t<T> alternative, V&& initial)
-        : type(kind), value(alternative, std::forward<V>(initial))
+        : type(kind),
+          value(alternative, std::forward<V>(initial))
     {
     }
 
@@ -140,12 +141,9 @@ std::optional<PropertyList> fromNode(plist_t node, int depth)
         return PropertyList::date(kSecondsFrom1970To2001 + static_cast<double>(seconds) +
                                   static_cast<double>(microseconds) / 1e6);
     }
-    case PLIST_ARRAY:
-        return arrayFromNode(node, depth);
-    case PLIST_DICT:
-        return dictionaryFromNode(node, depth);
-    default:
-        return std::nullopt;
+    case PLIST_ARRAY: return arrayFromNode(node, depth);
+    case PLIST_DICT: return dictionaryFromNode(node, depth);
+    default: return std::nullopt;
     }
 }
 
@@ -177,8 +175,8 @@ bool binaryStringsAreFreeOfNUL(std::string_view bytes)
     const auto offsetSize = bigEndianAt(bytes, trailer + 6, 1);
     const auto objectCount = bigEndianAt(bytes, trailer + 8, 8);
     const auto tableOffset = bigEndianAt(bytes, trailer + 24, 8);
-    if (!offsetSize || !objectCount || !tableOffset || *offsetSize == 0 || *offsetSize > 8 ||
-        *tableOffset > trailer || *objectCount > (trailer - *tableOffset) / *offsetSize) {
+    if (!offsetSize || !objectCount || !tableOffset || *offsetSize == 0 || *offsetSize > 8 || *tableOffset > trailer ||
+        *objectCount > (trailer - *tableOffset) / *offsetSize) {
         return true;
     }
     std::unordered_set<uint64_t> scanned;
@@ -244,16 +242,11 @@ plist_t newDateNode(double secondsSince1970)
 plist_t toNode(const PropertyList& value)
 {
     switch (value.type()) {
-    case PropertyList::Type::String:
-        return plist_new_string(value.asString()->c_str());
-    case PropertyList::Type::Integer:
-        return plist_new_uint(static_cast<uint64_t>(*value.asInteger()));
-    case PropertyList::Type::Real:
-        return plist_new_real(*value.asReal());
-    case PropertyList::Type::Boolean:
-        return plist_new_bool(*value.asBoolean() ? 1 : 0);
-    case PropertyList::Type::Date:
-        return newDateNode(*value.asDate());
+    case PropertyList::Type::String: return plist_new_string(value.asString()->c_str());
+    case PropertyList::Type::Integer: return plist_new_uint(static_cast<uint64_t>(*value.asInteger()));
+    case PropertyList::Type::Real: return plist_new_real(*value.asReal());
+    case PropertyList::Type::Boolean: return plist_new_bool(*value.asBoolean() ? 1 : 0);
+    case PropertyList::Type::Date: return newDateNode(*value.asDate());
     case PropertyList::Type::Data: {
         const auto& bytes = *value.asData();
         return plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size());
@@ -303,8 +296,7 @@ PropertyList PropertyList::boolean(bool value)
 
 PropertyList PropertyList::date(double secondsSince1970)
 {
-    return PropertyList(
-        std::make_shared<const Storage>(Type::Date, std::in_place_type<double>, secondsSince1970));
+    return PropertyList(std::make_shared<const Storage>(Type::Date, std::in_place_type<double>, secondsSince1970));
 }
 
 PropertyList PropertyList::data(std::vector<uint8_t> value)
@@ -315,8 +307,7 @@ PropertyList PropertyList::data(std::vector<uint8_t> value)
 
 PropertyList PropertyList::array(Array value)
 {
-    return PropertyList(
-        std::make_shared<const Storage>(Type::Array, std::in_place_type<Array>, std::move(value)));
+    return PropertyList(std::make_shared<const Storage>(Type::Array, std::in_place_type<Array>, std::move(value)));
 }
 
 PropertyList PropertyList::dictionary(Dictionary value)
@@ -385,8 +376,7 @@ std::optional<PropertyList> PropertyList::fromBytes(std::string_view bytes)
     if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) {
         return std::nullopt;
     }
-    if (plist_is_binary(bytes.data(), static_cast<uint32_t>(bytes.size())) != 0 &&
-        !binaryStringsAreFreeOfNUL(bytes)) {
+    if (plist_is_binary(bytes.data(), static_cast<uint32_t>(bytes.size())) != 0 && !binaryStringsAreFreeOfNUL(bytes)) {
         return std::nullopt;
     }
     plist_t root = nullptr;

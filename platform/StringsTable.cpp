@@ -246,8 +246,7 @@ private:
             appendUTF8(out, unit);
             return;
         }
-        default:
-            break;
+        default: break;
         }
         if (c >= '0' && c <= '7') {
             char32_t value = static_cast<char32_t>(c - '0');

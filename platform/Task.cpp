@@ -50,9 +50,8 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
 
     pid_t pid = -1;
     // glibc reports a failed exec (missing file, no permission) as the result.
-    const int status = launchPath.empty()
-                           ? ENOENT
-                           : ::posix_spawn(&pid, launchPath.c_str(), nullptr, nullptr, argv.data(), environ);
+    const int status =
+        launchPath.empty() ? ENOENT : ::posix_spawn(&pid, launchPath.c_str(), nullptr, nullptr, argv.data(), environ);
     if (status != 0) {
         Exception::raise(kInvalidArgumentException,
                          "launch path not accessible: " + launchPath + " (" + std::strerror(status) + ")");
@@ -61,7 +60,9 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
 }
 
 Task::Task(Task&& other) noexcept
-    : thePid(std::exchange(other.thePid, -1)), theStatus(other.theStatus), theWaited(other.theWaited)
+    : thePid(std::exchange(other.thePid, -1)),
+      theStatus(other.theStatus),
+      theWaited(other.theWaited)
 {
 }
 

@@ -71,9 +71,8 @@ std::vector<std::string> componentsSeparatedByString(std::string_view text, std:
 int64_t integerValue(std::string_view text)
 {
     std::size_t position = 0;
-    while (position < text.size() &&
-           (text[position] == ' ' || text[position] == '\t' || text[position] == '\n' || text[position] == '\r' ||
-            text[position] == '\v' || text[position] == '\f')) {
+    while (position < text.size() && (text[position] == ' ' || text[position] == '\t' || text[position] == '\n' ||
+                                      text[position] == '\r' || text[position] == '\v' || text[position] == '\f')) {
         ++position;
     }
     bool negative = false;

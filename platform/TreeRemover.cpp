@@ -57,7 +57,7 @@ struct Frame {
     UniqueFd fd;
     dev_t device = 0;
     ino_t inode = 0;
-    std::string name;                   // its name in the folder above
+    std::string name;                     // its name in the folder above
     std::vector<std::string> subfolders;  // still to be walked
 };
 
@@ -179,8 +179,7 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name) const
         return false;
     }
     struct stat parent {};
-    const int parentStatus =
-        directoryFd == AT_FDCWD ? ::stat(".", &parent) : ::fstat(directoryFd, &parent);
+    const int parentStatus = directoryFd == AT_FDCWD ? ::stat(".", &parent) : ::fstat(directoryFd, &parent);
     if (parentStatus != 0 || parent.st_dev != item.st_dev) {
         // The item is itself a mount point: it stays.
         return false;
@@ -309,8 +308,7 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
         // last component is never followed, a folder answers EISDIR and a
         // mount point EBUSY. Only folders need the walk below.
         const std::string path =
-            folder.empty() ? components.front()
-                           : folder + (folder.back() == '/' ? "" : "/") + components.front();
+            folder.empty() ? components.front() : folder + (folder.back() == '/' ? "" : "/") + components.front();
         if (::unlinkat(AT_FDCWD, path.c_str(), 0) == 0) {
             return true;
         }

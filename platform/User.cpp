@@ -75,8 +75,8 @@ std::optional<std::string> homeDirectoryForUser(const std::string& name)
     return entry->home;
 }
 
-std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory,
-                                                           SearchPathDomainMask domains, bool expandTilde)
+std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,
+                                                           bool expandTilde)
 {
     if (directory != SearchPathDirectory::Library || domains != SearchPathDomainMask::User) {
         return {};

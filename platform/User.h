@@ -16,7 +16,7 @@ std::string homeDirectory();
 std::optional<std::string> homeDirectoryForUser(const std::string& name);
 // For (Library, User): one entry, home + "/Library" (with expandTilde false:
 // "~/Library"). Other combinations give an empty list.
-std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory,
-                                                           SearchPathDomainMask domains, bool expandTilde);
+std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,
+                                                           bool expandTilde);
 
 }  // namespace platform

@@ -60,8 +60,9 @@ const std::string& elementAt(const std::vector<std::string>& pieces, std::size_t
     if (index >= pieces.size()) {
         platform::Exception::raise(platform::kRangeException,
                                    "index " + std::to_string(index) +
-                                       (pieces.empty() ? std::string(" beyond bounds for empty array")
-                                                       : " beyond bounds [0 .. " + std::to_string(pieces.size() - 1) + "]"));
+                                       (pieces.empty()
+                                            ? std::string(" beyond bounds for empty array")
+                                            : " beyond bounds [0 .. " + std::to_string(pieces.size() - 1) + "]"));
     }
     return pieces[index];
 }
@@ -252,8 +253,8 @@ bool TFRemoverTool::bundleVersionIsCurrent(const std::string& bundlePath)
     }
     const std::string* text = version->asString();
     if (text == nullptr) {
-        platform::Exception::raise(platform::kInvalidArgumentException, "CFBundleVersion of " + bundlePath +
-                                                                            " is not text");
+        platform::Exception::raise(platform::kInvalidArgumentException,
+                                   "CFBundleVersion of " + bundlePath + " is not text");
     }
     const std::vector<std::string> pieces = platform::componentsSeparatedByString(*text, ".");
     return platform::integerValue(pieces.front()) == kCurrentMajorVersion;
@@ -361,8 +362,7 @@ void TFRemoverTool::uninstallJEX()
     }
     const std::string libraryPath = platform::appendingPathComponent(*frameworks, kInstallManagerLibrary);
     if (!FileManager::defaultManager().fileExistsAtPath(libraryPath)) {
-        std::printf("%s %s:%s.\n", statusWord("JEXUninstallFailed").c_str(), "MISSING_CORVANEHOV",
-                    libraryPath.c_str());
+        std::printf("%s %s:%s.\n", statusWord("JEXUninstallFailed").c_str(), "MISSING_CORVANEHOV", libraryPath.c_str());
         return;
     }
     void* library = dlopen(libraryPath.c_str(), RTLD_LAZY);

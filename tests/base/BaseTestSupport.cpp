@@ -94,12 +94,11 @@ void drain(int outFd, int errFd, std::string& out, std::string& err)
 RunResult runSandboxed(const std::string& homeFolder, const std::string& executable,
                        const std::vector<std::string>& arguments, const std::vector<std::string>& readablePaths)
 {
-    std::vector<std::string> argv{"bwrap", "--ro-bind", "/", "/", "--tmpfs", "/tmp",
-                                  "--bind", homeFolder, homeOfRunningUser()};
+    std::vector<std::string> argv{"bwrap",    "--ro-bind",        "/", "/", "--tmpfs", "/tmp", "--bind",
+                                  homeFolder, homeOfRunningUser()};
     // The fresh /tmp would hide a build that lives below /tmp: the
     // executable's own bundle (X.app/Contents/MacOS/exe) is bound back in.
-    const std::string bundle =
-        std::filesystem::path(executable).parent_path().parent_path().parent_path().string();
+    const std::string bundle = std::filesystem::path(executable).parent_path().parent_path().parent_path().string();
     argv.insert(argv.end(), {"--ro-bind", bundle, bundle});
     for (const auto& path : readablePaths) {
         argv.insert(argv.end(), {"--ro-bind", path, path});

@@ -48,8 +48,7 @@ std::string qelutilPathIn(const std::string& bundle);
 // user's home, so the user's stored settings are those of the fixture. Every
 // path in readablePaths is bound into the sandbox at the same place.
 RunResult runSandboxed(const std::string& homeFolder, const std::string& executable,
-                       const std::vector<std::string>& arguments,
-                       const std::vector<std::string>& readablePaths = {});
+                       const std::vector<std::string>& arguments, const std::vector<std::string>& readablePaths = {});
 
 // The lines of text, without their line ends.
 std::vector<std::string> linesOf(const std::string& text);

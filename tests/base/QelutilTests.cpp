@@ -100,8 +100,12 @@ TEST(Qelutil, UnknownCommandExits64WithUsage)
 
 TEST(Qelutil, MalformedArgumentsExit64WithTheCommandsUsage)
 {
-    for (const auto& arguments : std::vector<std::vector<std::string>>{
-             {"raise"}, {"raise", "12x"}, {"raise", "1", "2"}, {"log", "0"}, {"app-type", "extra"}, {"verify", "1", "-2"}}) {
+    for (const auto& arguments : std::vector<std::vector<std::string>>{{"raise"},
+                                                                       {"raise", "12x"},
+                                                                       {"raise", "1", "2"},
+                                                                       {"log", "0"},
+                                                                       {"app-type", "extra"},
+                                                                       {"verify", "1", "-2"}}) {
         const RunResult result = runQelutil(arguments);
         EXPECT_EQ(result.status, 64) << arguments.front();
         EXPECT_NE(result.err.find("usage: qelutil " + arguments.front()), std::string::npos) << result.err;

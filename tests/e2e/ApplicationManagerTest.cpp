@@ -195,11 +195,12 @@ TEST(ApplicationManagerTest, PresentReferenceFileIsRemovedAndItsFolderStays)
     const RunResult result = runWithLibraryStatus(sandbox, "0");
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
-    EXPECT_EQ(result.standardOutput,
-              runWithManagerLines(
-                  "Removed "
-                  "/Library/Application Support/Corvane/CorvaneApplicationManager/JEXRefs/com.corvane.Lumidoc_10.jexref.\n" +
-                  std::string(kSucceeded)));
+    EXPECT_EQ(
+        result.standardOutput,
+        runWithManagerLines(
+            "Removed "
+            "/Library/Application Support/Corvane/CorvaneApplicationManager/JEXRefs/com.corvane.Lumidoc_10.jexref.\n" +
+            std::string(kSucceeded)));
     const std::vector<std::string> left{
         "d /Library/Application Support/Corvane",
         "d /Library/Application Support/Corvane/CorvaneApplicationManager",

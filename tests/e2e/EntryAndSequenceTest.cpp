@@ -88,14 +88,12 @@ TEST(RemoverSequence, ProductLogEntriesComeBeforeTheLogsOwnLine)
     installApp(sandbox, kDefaultApp);
     sandbox.writeFile("/Library/Fonts/Lumidoc.otf", "font");
     sandbox.writeFile("/Library/Application Support/Corvane/Lumidoc/Shared/dictionary.dat", "words");
-    sandbox.writeFile(kProductLog,
-                      "/Library/Fonts/Lumidoc.otf\n/Library/Application Support/Corvane/Lumidoc/Shared\n");
+    sandbox.writeFile(kProductLog, "/Library/Fonts/Lumidoc.otf\n/Library/Application Support/Corvane/Lumidoc/Shared\n");
     const RunResult result = sandbox.run({"x", kDefaultApp});
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
-    EXPECT_EQ(result.standardOutput,
-              line(kRemoved, "/Library/Fonts/Lumidoc.otf") +
-                  line(kRemoved, "/Library/Application Support/Corvane/Lumidoc/Shared") +
-                  line(kRemoved, kProductLog) + quietRun(kDefaultApp, true));
+    EXPECT_EQ(result.standardOutput, line(kRemoved, "/Library/Fonts/Lumidoc.otf") +
+                                         line(kRemoved, "/Library/Application Support/Corvane/Lumidoc/Shared") +
+                                         line(kRemoved, kProductLog) + quietRun(kDefaultApp, true));
     // The product's own sub-folder stays, emptied of its log.
     EXPECT_TRUE(sandbox.exists(std::string(kLogFolder) + "/" + kAppIdentifier));
     EXPECT_FALSE(sandbox.exists(kProductLog));
@@ -150,7 +148,7 @@ TEST(RemoverSequence, ExitStatusIsZeroWhenItemsFail)
     sandbox.writeFile(kProductLog, "/Library/Locked/file\n");
     const RunResult result = sandbox.run({"x", kDefaultApp});
     EXPECT_EQ(result.exitStatus, 0) << describe(result);
-    EXPECT_EQ(result.standardOutput,
-              line(kCouldNotRemove, "/Library/Locked/file") + line(kRemoved, kProductLog) + quietRun(kDefaultApp, true));
+    EXPECT_EQ(result.standardOutput, line(kCouldNotRemove, "/Library/Locked/file") + line(kRemoved, kProductLog) +
+                                         quietRun(kDefaultApp, true));
     EXPECT_TRUE(sandbox.exists("/Library/Locked/file"));
 }

@@ -140,8 +140,7 @@ TEST_F(InstallLogTest, WithoutPreferenceFilePluginAndPreferencesAreSkippedInEach
 {
     sandbox.writeFile(std::string(kPlugin) + "/Contents/Info.plist", "plugin");
     sandbox.writeFile("/Library/Other.dat", "other");
-    const RunResult result =
-        runWithLog(std::string(kPlugin) + "\n" + kPluginPreferences + "\n/Library/Other.dat\n");
+    const RunResult result = runWithLog(std::string(kPlugin) + "\n" + kPluginPreferences + "\n/Library/Other.dat\n");
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     // The bundle's own list names both as well; they are skipped there too.
     EXPECT_EQ(result.standardOutput, line(kRemoved, "/Library/Other.dat") + afterLog());

@@ -113,14 +113,13 @@ TEST(ReceiptRemovalTest, EachPackageToolRunEndsBeforeTheNextStartsAndBeforeTheSe
     sandbox.addReceipt("com.corvane.lumidoc.a10.LumidocSecUpd1003");
     // A slow package tool that marks its start and its end in the journal.
     std::filesystem::rename(sbinPath(sandbox, "pkgutil"), sbinPath(sandbox, "pkgutil-double"));
-    testsupport::writeFile(sbinPath(sandbox, "pkgutil"),
-                           "#!/bin/sh\n"
-                           "printf 'slow\\tstart\\n' >>/var/db/doubles/journal\n"
-                           "sleep 0.2\n"
-                           "/usr/sbin/pkgutil-double \"$@\"\n"
-                           "status=$?\n"
-                           "printf 'slow\\tend\\n' >>/var/db/doubles/journal\n"
-                           "exit $status\n");
+    testsupport::writeFile(sbinPath(sandbox, "pkgutil"), "#!/bin/sh\n"
+                                                         "printf 'slow\\tstart\\n' >>/var/db/doubles/journal\n"
+                                                         "sleep 0.2\n"
+                                                         "/usr/sbin/pkgutil-double \"$@\"\n"
+                                                         "status=$?\n"
+                                                         "printf 'slow\\tend\\n' >>/var/db/doubles/journal\n"
+                                                         "exit $status\n");
     ASSERT_EQ(::chmod(sbinPath(sandbox, "pkgutil").c_str(), 0755), 0);
 
     const RunResult result = sandbox.run({"x", kDefaultApp});
@@ -151,8 +150,7 @@ TEST(ReceiptRemovalTest, AppOnTheStartupVolumeHasItsPackageForgottenOnSlash)
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     const std::vector<JournalEntry> runs = packageToolJournal(sandbox);
     ASSERT_FALSE(runs.empty());
-    EXPECT_EQ(runs.front(),
-              (JournalEntry{"pkgutil", "--regexp", "--forget", kAppPackagePattern, "--volume", "/"}));
+    EXPECT_EQ(runs.front(), (JournalEntry{"pkgutil", "--regexp", "--forget", kAppPackagePattern, "--volume", "/"}));
 }
 
 TEST(ReceiptRemovalTest, AppOnAnotherVolumeHasOnlyItsPackageForgottenOnThatVolume)
@@ -274,13 +272,13 @@ TEST(ReceiptRemovalTest, ReceiptsMatchingThePatternsAsRegularExpressionsAreForgo
     // receipt for the PDF Services package: that run reports nothing).
     const remover_e2e::QuietRunTail tail = quietRunTail(kDefaultApp);
     EXPECT_EQ(result.standardOutput,
-              tail.agent + tail.manager +                                    //
-                  forgot("com.corvane.lumidoc.10.viewer.app.pk", "/") +        //
-                  forgot("com.corvane.lumidoc.10.viewer.app.pkg", "/") +       //
-                  forgot("com.corvane.lumidoc.10.viewer.app.pkggg", "/") +     //
-                  forgot("com.corvane.lumidoc.10.viewer.preinstall.pkg", "/") +  //
-                  forgot("com.corvane.lumidoc.10.viewer.appsupport.pkg", "/") +  //
-                  forgot("com-corvane-lumidoc-10-viewer-browser-pkg", "/") +     //
+              tail.agent + tail.manager +                                             //
+                  forgot("com.corvane.lumidoc.10.viewer.app.pk", "/") +               //
+                  forgot("com.corvane.lumidoc.10.viewer.app.pkg", "/") +              //
+                  forgot("com.corvane.lumidoc.10.viewer.app.pkggg", "/") +            //
+                  forgot("com.corvane.lumidoc.10.viewer.preinstall.pkg", "/") +       //
+                  forgot("com.corvane.lumidoc.10.viewer.appsupport.pkg", "/") +       //
+                  forgot("com-corvane-lumidoc-10-viewer-browser-pkg", "/") +          //
                   forgot("com.corvane.lumidoc.10.viewer.print_automator.pkg", "/") +  //
                   forgot("com.corvane.lumidoc.10.viewer.preferences.pkg", "/") +      //
                   forgot("com.corvane.lumidoc.a10.LumidocUpd1001", "/") +             //

@@ -13,7 +13,8 @@ std::string sha224Hex(const std::string& text)
 {
     testsupport::TempDir dir;
     testsupport::writeFile(dir.at("input"), text);
-    const testsupport::RunResult result = testsupport::runCommand({"openssl", "dgst", "-sha224", "-r", dir.at("input")});
+    const testsupport::RunResult result =
+        testsupport::runCommand({"openssl", "dgst", "-sha224", "-r", dir.at("input")});
     if (result.exitStatus != 0 || result.standardOutput.size() < 56) {
         throw std::runtime_error("openssl dgst failed: " + result.standardError);
     }
@@ -30,7 +31,8 @@ namespace {
 std::string plistDocument(const std::string& body)
 {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
            "<plist version=\"1.0\">\n<dict>\n" +
            body + "</dict>\n</plist>\n";
 }

@@ -17,7 +17,8 @@ inline constexpr char kLogFolder[] = "/Library/Application Support/Corvane/Lumid
 inline constexpr char kAppIdentifier[] = "com.corvane.lumidoc.pro";
 inline constexpr char kProductLog[] =
     "/Library/Application Support/Corvane/Lumidoc/com.corvane.lumidoc.pro/uninstall.log";
-inline constexpr char kCompanionLog[] = "/Library/Application Support/Corvane/Lumidoc/com.corvane.ravelin/uninstall.log";
+inline constexpr char kCompanionLog[] =
+    "/Library/Application Support/Corvane/Lumidoc/com.corvane.ravelin/uninstall.log";
 inline constexpr char kPlugin[] = "/Library/Internet Plug-Ins/CorvanePDFViewer.plugin";
 inline constexpr char kPluginPreferences[] = "/Library/Preferences/com.corvane.lumidoc.pdfviewer.plist";
 inline constexpr char kAutomatorAction[] = "/Library/Automator/Save as Corvane PDF.action";
@@ -57,11 +58,11 @@ void writeAgent(const testsupport::Sandbox& sandbox, const std::string& path, co
 // and nothing else of the suite, from the agent step on, with the bundle's
 // own list naming the application relative to its folder.
 struct QuietRunTail {
-    std::string agent;        // the agent line
-    std::string manager;      // reference file and library lines
-    std::string fileList;     // the bundle's own list
-    std::string components;   // the two print components
-    std::string folder;       // the application folder, when it is the default one
+    std::string agent;       // the agent line
+    std::string manager;     // reference file and library lines
+    std::string fileList;    // the bundle's own list
+    std::string components;  // the two print components
+    std::string folder;      // the application folder, when it is the default one
 };
 QuietRunTail quietRunTail(const std::string& appPath);
 

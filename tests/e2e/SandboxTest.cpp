@@ -34,9 +34,9 @@ TEST(SandboxTest, FixtureFoldersAreWhatTheProgramSeesAtApplicationsLibraryAndHom
     sandbox.writeFile("/Library/Preferences/marker", "L");
     sandbox.writeFile("~/Library/marker", "H");
 
-    const RunResult result = shell(sandbox,
-                                   "cat '/Applications/Corvane Lumidoc X Pro/marker' /Library/Preferences/marker "
-                                   "/root/Library/marker && echo made >/Library/inside && mkdir /root/Made");
+    const RunResult result =
+        shell(sandbox, "cat '/Applications/Corvane Lumidoc X Pro/marker' /Library/Preferences/marker "
+                       "/root/Library/marker && echo made >/Library/inside && mkdir /root/Made");
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     EXPECT_EQ(result.standardOutput, "ALH");
@@ -71,8 +71,8 @@ TEST(SandboxTest, EnvironmentInsideIsCleanWithTheVariablesTheTestSets)
 {
     Sandbox sandbox;
 
-    const RunResult result = shell(sandbox, "echo \"$HOME|$PATH|$USER|$EXTRA|${TMPDIR-unset}\"; pwd",
-                                   {{"EXTRA", "two  blanks"}});
+    const RunResult result =
+        shell(sandbox, "echo \"$HOME|$PATH|$USER|$EXTRA|${TMPDIR-unset}\"; pwd", {{"EXTRA", "two  blanks"}});
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     EXPECT_EQ(result.standardOutput, "/root|/usr/bin:/bin|root|two  blanks|unset\n/\n");
@@ -82,11 +82,10 @@ TEST(SandboxTest, BuiltBundleIsMountedReadOnlyAtOpt)
 {
     Sandbox sandbox;
 
-    const RunResult result = shell(sandbox,
-                                   "test -x /opt/RemoverTool.app/Contents/MacOS/RemoverTool && "
-                                   "test -x /opt/RemoverTool.app/Contents/MacOS/qelutil && "
-                                   "test -f /opt/RemoverTool.app/Contents/Info.plist && "
-                                   "! touch /opt/RemoverTool.app/Contents/x 2>/dev/null");
+    const RunResult result = shell(sandbox, "test -x /opt/RemoverTool.app/Contents/MacOS/RemoverTool && "
+                                            "test -x /opt/RemoverTool.app/Contents/MacOS/qelutil && "
+                                            "test -f /opt/RemoverTool.app/Contents/Info.plist && "
+                                            "! touch /opt/RemoverTool.app/Contents/x 2>/dev/null");
 
     EXPECT_EQ(result.exitStatus, 0) << describe(result);
 }
@@ -97,10 +96,9 @@ TEST(SandboxTest, BundleCopyCarriesTheLibraryDoubleAndTheTestsChanges)
     sandbox.installLibraryDouble();
     sandbox.remove("/opt/RemoverTool.app/Contents/Info.plist");
 
-    const RunResult result = shell(sandbox,
-                                   "test -f /opt/RemoverTool.app/Contents/Frameworks/CorvaneHOV.dylib && "
-                                   "test -x /opt/RemoverTool.app/Contents/MacOS/RemoverTool && "
-                                   "! test -e /opt/RemoverTool.app/Contents/Info.plist");
+    const RunResult result = shell(sandbox, "test -f /opt/RemoverTool.app/Contents/Frameworks/CorvaneHOV.dylib && "
+                                            "test -x /opt/RemoverTool.app/Contents/MacOS/RemoverTool && "
+                                            "! test -e /opt/RemoverTool.app/Contents/Info.plist");
 
     EXPECT_EQ(result.exitStatus, 0) << describe(result);
 }
@@ -150,10 +148,9 @@ TEST(SandboxTest, DoublesJournalEveryArgumentWithBlanksAndControlCharactersIntac
 {
     Sandbox sandbox;
 
-    const RunResult result = shell(sandbox,
-                                   "/usr/sbin/pkgutil --pkgs --volume '/Volumes/My  Disk ' ; "
-                                   "/bin/launchctl list \"$(printf 'tab\\there')\" 'back\\slash' "
-                                   "\"$(printf 'line\\nfeed\\r')\" ''");
+    const RunResult result = shell(sandbox, "/usr/sbin/pkgutil --pkgs --volume '/Volumes/My  Disk ' ; "
+                                            "/bin/launchctl list \"$(printf 'tab\\there')\" 'back\\slash' "
+                                            "\"$(printf 'line\\nfeed\\r')\" ''");
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     const std::vector<JournalEntry> expected{
@@ -176,9 +173,8 @@ TEST(SandboxTest, PkgutilForgetsReceiptsWhoseWholeIdentifierMatchesThePattern)
         "/usr/sbin/pkgutil", {"--regexp", "--forget", "com.corvane.lumidoc.10.viewer.app.pkg*", "--volume", "/"});
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
-    EXPECT_EQ(result.standardOutput,
-              "Forgot package 'com.corvane.lumidoc.10.viewer.app.pk' on '/'.\n"
-              "Forgot package 'com.corvane.lumidoc.10.viewer.app.pkg' on '/'.\n");
+    EXPECT_EQ(result.standardOutput, "Forgot package 'com.corvane.lumidoc.10.viewer.app.pk' on '/'.\n"
+                                     "Forgot package 'com.corvane.lumidoc.10.viewer.app.pkg' on '/'.\n");
     const std::vector<std::string> left{"com.corvane.lumidoc.10.viewer.app.pkg.extra",
                                         "com.corvane.lumidoc.11.viewer.app.pkg",
                                         "x.com.corvane.lumidoc.10.viewer.app.pkg"};

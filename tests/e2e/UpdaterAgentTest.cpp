@@ -79,7 +79,8 @@ std::string argumentsEntry(const std::vector<std::string>& arguments)
 std::string plistXml(const std::string& body)
 {
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
            "<plist version=\"1.0\">\n<dict>\n" +
            body + "\t<key>RunAtLoad</key>\n\t<true/>\n</dict>\n</plist>\n";
 }
@@ -333,10 +334,9 @@ TEST(UpdaterAgentTest, StaleAgentInASubfolderIsExaminedLikeOneAtTheTop)
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     EXPECT_EQ(result.standardOutput, reportWithAgentLine(line(kRemoved, agentPlistPath(kDefaultApp))));
     // The file goes; the folders that held it stay.
-    EXPECT_EQ(sandbox.tree(kHome),
-              (std::vector<std::string>{"d /root/Library", "d /root/Library/LaunchAgents",
-                                        "d /root/Library/LaunchAgents/Corvane",
-                                        "d /root/Library/LaunchAgents/Corvane/Old"}));
+    EXPECT_EQ(sandbox.tree(kHome), (std::vector<std::string>{"d /root/Library", "d /root/Library/LaunchAgents",
+                                                             "d /root/Library/LaunchAgents/Corvane",
+                                                             "d /root/Library/LaunchAgents/Corvane/Old"}));
     EXPECT_EQ(launchctlCalls(sandbox), std::vector<JournalEntry>{unloadOf(nested)});
     EXPECT_EQ(sandbox.loadedAgents(), std::vector<std::string>{});
 }
@@ -414,8 +414,7 @@ INSTANTIATE_TEST_SUITE_P(
                       labelEntry(kFamilyLabel) +
                           argumentsEntry({"/Volumes/Lumidoc Disk/Corvane Lumidoc Pro.app/Contents/MacOS/Helper"}),
                       ""},
-        KeptAgentCase{"ProgramFileExists",
-                      labelEntry(kFamilyLabel) + argumentsEntry({"/Applications/Present/Helper"}),
+        KeptAgentCase{"ProgramFileExists", labelEntry(kFamilyLabel) + argumentsEntry({"/Applications/Present/Helper"}),
                       "/Applications/Present/Helper"},
         KeptAgentCase{"WithoutLabel", argumentsEntry({kGoneProgram}), ""},
         KeptAgentCase{"LabelOfAnotherMaker", labelEntry("com.example.updater") + argumentsEntry({kGoneProgram}), ""},
@@ -550,8 +549,8 @@ TEST_P(UpdaterAgentMalformedTest, MalformedAgentAbortsTheCallAndTheOwnAgentStays
 INSTANTIATE_TEST_SUITE_P(
     UpdaterAgentTest, UpdaterAgentMalformedTest,
     testing::Values(MalformedAgentCase{"EmptyProgramArguments", labelEntry(kFamilyLabel) + argumentsEntry({})},
-                    MalformedAgentCase{"LabelNotText", "\t<key>Label</key>\n\t<integer>7</integer>\n" +
-                                                           argumentsEntry({kGoneProgram})},
+                    MalformedAgentCase{"LabelNotText",
+                                       "\t<key>Label</key>\n\t<integer>7</integer>\n" + argumentsEntry({kGoneProgram})},
                     MalformedAgentCase{"FirstProgramArgumentNotText",
                                        labelEntry(kFamilyLabel) +
                                            "\t<key>ProgramArguments</key>\n\t<array>\n\t\t<integer>7</integer>\n"

@@ -99,8 +99,7 @@ TEST(WholeRun, CompleteInstallationIsRemovedStepByStep)
                   // are gone.
                   line(kRemoved, kDefaultApp) +
                   // Print components, then the emptied application folder.
-                  line(kRemoved, kAutomatorAction) + line(kRemoved, kPdfServicesApp) +
-                  line(kRemoved, kDefaultFolder));
+                  line(kRemoved, kAutomatorAction) + line(kRemoved, kPdfServicesApp) + line(kRemoved, kDefaultFolder));
 
     const std::vector<JournalEntry> expectedJournal = [&] {
         std::vector<JournalEntry> calls = {
@@ -148,8 +147,8 @@ TEST(WholeRun, SecondRunOverTheRemainsFindsNothingLeftToRemove)
     const RunResult again = sandbox.run({"x", kDefaultApp});
     ASSERT_EQ(again.exitStatus, 0) << describe(again);
     // Without the application bundle the agent step has no bundle to open.
-    EXPECT_EQ(again.standardOutput,
-              line(kCouldNotRemove, agentPlistPath(kDefaultApp)) + line(kCouldNotRemove, kJexRef) +
-                  kManagerUninstalled + "\n" + line(kNotFound, kDefaultApp) + line(kNotFound, kAutomatorAction) +
-                  line(kNotFound, kPdfServicesApp) + line(kNotFound, kDefaultFolder));
+    EXPECT_EQ(again.standardOutput, line(kCouldNotRemove, agentPlistPath(kDefaultApp)) +
+                                        line(kCouldNotRemove, kJexRef) + kManagerUninstalled + "\n" +
+                                        line(kNotFound, kDefaultApp) + line(kNotFound, kAutomatorAction) +
+                                        line(kNotFound, kPdfServicesApp) + line(kNotFound, kDefaultFolder));
 }

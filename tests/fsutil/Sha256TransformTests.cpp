@@ -24,8 +24,8 @@ std::vector<unsigned char> padded(const std::string& message)
     return bytes;
 }
 
-std::vector<uint32_t> stateAfter(void (*transform)(uint32_t*, const unsigned char*, uint32_t),
-                                 const uint32_t* initial, const std::vector<unsigned char>& blocks)
+std::vector<uint32_t> stateAfter(void (*transform)(uint32_t*, const unsigned char*, uint32_t), const uint32_t* initial,
+                                 const std::vector<unsigned char>& blocks)
 {
     std::vector<uint32_t> state(initial, initial + 8);
     transform(state.data(), blocks.data(), static_cast<uint32_t>(blocks.size() / 64));
@@ -87,8 +87,7 @@ TEST_F(AcceleratedTransform, MatchesPortableFromArbitraryStatesOnUnalignedBlocks
         std::vector<uint32_t> portable(initial, initial + 8);
         std::vector<uint32_t> accelerated(initial, initial + 8);
         sha256_transf_portable(portable.data(), storage.data() + misalignment, static_cast<uint32_t>(blockCount));
-        sha256_transf_accelerated(accelerated.data(), storage.data() + misalignment,
-                                  static_cast<uint32_t>(blockCount));
+        sha256_transf_accelerated(accelerated.data(), storage.data() + misalignment, static_cast<uint32_t>(blockCount));
         EXPECT_EQ(accelerated, portable) << "round " << round;
     }
 }

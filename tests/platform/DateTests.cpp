@@ -69,11 +69,9 @@ TEST(Date, DistantPastAndFutureEncloseNow)
 
 TEST(Date, NowIsTheSystemClock)
 {
-    const double before =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double before = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     const double now = Date::now().timeIntervalSince1970();
-    const double after =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const double after = std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
     EXPECT_LE(before, now);
     EXPECT_LE(now, after);
 }

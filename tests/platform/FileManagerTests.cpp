@@ -15,9 +15,9 @@
 
 using platform::FileManager;
 using platform::FileType;
-using testsupport::TempDir;
 using testsupport::makeDirectories;
 using testsupport::readFile;
+using testsupport::TempDir;
 using testsupport::writeFile;
 
 namespace {
@@ -398,8 +398,7 @@ TEST(FileManagerEnumerator, EachFolderBeforeItsContentsSortedWithinAFolder)
     writeFile(dir.at("root/a/y/deep"), "");
     writeFile(dir.at("root/a.b"), "");
     makeDirectories(dir.at("root/c"));
-    EXPECT_EQ(fm().enumeratorAtPath(dir.at("root")),
-              (Names{"a", "a/y", "a/y/deep", "a/z", "a.b", "b", "c"}));
+    EXPECT_EQ(fm().enumeratorAtPath(dir.at("root")), (Names{"a", "a/y", "a/y/deep", "a/z", "a.b", "b", "c"}));
 }
 
 TEST(FileManagerEnumerator, LinksAreListedButNotEntered)

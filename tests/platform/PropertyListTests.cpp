@@ -20,9 +20,9 @@ constexpr double kSomeDate = 1700000000.0;
 PropertyList::Dictionary nestedEntries()
 {
     PropertyList::Dictionary inner;
-    inner.emplace("list", PropertyList::array({PropertyList::integer(1),
-                                               PropertyList::array({PropertyList::string("deep")}),
-                                               PropertyList::dictionary({})}));
+    inner.emplace("list",
+                  PropertyList::array({PropertyList::integer(1), PropertyList::array({PropertyList::string("deep")}),
+                                       PropertyList::dictionary({})}));
     inner.emplace("flag", PropertyList::boolean(false));
     return inner;
 }

@@ -85,7 +85,10 @@ TEST(Scanner, SkipsACarriageReturnAtTheStartOfALine)
 TEST(Scanner, SkipsUnicodeSpaces)
 {
     // U+00A0 no-break space, U+3000 ideographic space, U+2028 line separator.
-    EXPECT_EQ(scanLines("\xC2\xA0" "a\n\xE3\x80\x80" "b\n\xE2\x80\xA8" "c"),
+    EXPECT_EQ(scanLines("\xC2\xA0"
+                        "a\n\xE3\x80\x80"
+                        "b\n\xE2\x80\xA8"
+                        "c"),
               (std::vector<std::string>{"a", "b", "c"}));
 }
 

@@ -160,7 +160,10 @@ TEST(StringsTableTest, RejectsBrokenUTF16)
     oddLength.push_back('x');
     EXPECT_FALSE(StringsTable::parse(oddLength).has_value());
     // A high surrogate followed by an ordinary character.
-    EXPECT_FALSE(StringsTable::parse(utf16(u"\"a\" = \"\xD83D" u"b\";", false)).has_value());
+    EXPECT_FALSE(StringsTable::parse(utf16(u"\"a\" = \"\xD83D"
+                                           u"b\";",
+                                           false))
+                     .has_value());
 }
 
 TEST(StringsTableTest, ReadsTheXMLPropertyListForm)
@@ -182,8 +185,7 @@ TEST(StringsTableTest, ReadsTheXMLPropertyListForm)
 TEST(StringsTableTest, PropertyListFormMustBeADictionaryOfStrings)
 {
     EXPECT_FALSE(StringsTable::parse("<plist><array><string>a</string></array></plist>").has_value());
-    EXPECT_FALSE(
-        StringsTable::parse("<plist><dict><key>a</key><integer>1</integer></dict></plist>").has_value());
+    EXPECT_FALSE(StringsTable::parse("<plist><dict><key>a</key><integer>1</integer></dict></plist>").has_value());
     EXPECT_FALSE(StringsTable::parse("<not a plist").has_value());
 }
 

@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 using platform::Task;
-using testsupport::TempDir;
 using testsupport::readFile;
+using testsupport::TempDir;
 using testsupport::writeFile;
 
 namespace {

@@ -15,9 +15,9 @@
 #include <unistd.h>
 
 using platform::TreeRemover;
-using testsupport::TempDir;
 using testsupport::makeDirectories;
 using testsupport::readFile;
+using testsupport::TempDir;
 using testsupport::writeFile;
 
 namespace {

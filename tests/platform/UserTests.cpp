@@ -12,9 +12,9 @@
 
 using platform::homeDirectory;
 using platform::homeDirectoryForUser;
-using platform::searchPathForDirectoriesInDomains;
 using platform::SearchPathDirectory;
 using platform::SearchPathDomainMask;
+using platform::searchPathForDirectoriesInDomains;
 using platform::userName;
 
 namespace {
@@ -76,10 +76,9 @@ TEST(User, UserLibraryWithoutTildeExpansionIsTildeLibrary)
 
 TEST(User, OtherSearchPathsAreEmpty)
 {
-    EXPECT_TRUE(searchPathForDirectoriesInDomains(static_cast<SearchPathDirectory>(9), SearchPathDomainMask::User,
-                                                  true)
+    EXPECT_TRUE(searchPathForDirectoriesInDomains(static_cast<SearchPathDirectory>(9), SearchPathDomainMask::User, true)
                     .empty());
-    EXPECT_TRUE(searchPathForDirectoriesInDomains(SearchPathDirectory::Library, static_cast<SearchPathDomainMask>(8),
-                                                  true)
-                    .empty());
+    EXPECT_TRUE(
+        searchPathForDirectoriesInDomains(SearchPathDirectory::Library, static_cast<SearchPathDomainMask>(8), true)
+            .empty());
 }

@@ -17,9 +17,9 @@
 
 using platform::Workspace;
 using platform::WorkspaceOperation;
-using testsupport::TempDir;
 using testsupport::makeDirectories;
 using testsupport::readFile;
+using testsupport::TempDir;
 using testsupport::writeFile;
 
 namespace {
@@ -32,8 +32,8 @@ bool present(const std::string& path)
 
 bool destroy(const std::string& source, const std::vector<std::string>& files)
 {
-    return Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy, source, std::nullopt,
-                                                             files, nullptr);
+    return Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy, source, std::nullopt, files,
+                                                             nullptr);
 }
 
 // Runs `body` in a child process whose root is `root`, so that requests aimed

@@ -55,7 +55,10 @@ private:
 
 class WorkspaceOverride {
 public:
-    explicit WorkspaceOverride(platform::Workspace* workspace) { platform::Workspace::setSharedWorkspaceForTesting(workspace); }
+    explicit WorkspaceOverride(platform::Workspace* workspace)
+    {
+        platform::Workspace::setSharedWorkspaceForTesting(workspace);
+    }
     ~WorkspaceOverride() { platform::Workspace::setSharedWorkspaceForTesting(nullptr); }
     WorkspaceOverride(const WorkspaceOverride&) = delete;
     WorkspaceOverride& operator=(const WorkspaceOverride&) = delete;
@@ -162,7 +165,8 @@ protected:
         const std::string path = dir.at("Component.app");
         writeFile(path + "/Contents/Info.plist",
                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                  "<key>CFBundleVersion</key><string>" + version + "</string></dict></plist>\n");
+                  "<key>CFBundleVersion</key><string>" +
+                      version + "</string></dict></plist>\n");
         return path;
     }
     TempDir dir;

@@ -301,9 +301,8 @@ std::string Sandbox::readFile(const std::string& path) const
 void Sandbox::makeReadOnly(const std::string& path)
 {
     std::string remainder;
-    const bool inTree = std::any_of(kTreeMounts.begin(), kTreeMounts.end(), [&](const Mount& mount) {
-        return remainderBelow(path, mount.inside, remainder);
-    });
+    const bool inTree = std::any_of(kTreeMounts.begin(), kTreeMounts.end(),
+                                    [&](const Mount& mount) { return remainderBelow(path, mount.inside, remainder); });
     if (!inTree || !exists(path)) {
         throw std::invalid_argument("nothing to make read-only at " + path);
     }
@@ -439,8 +438,8 @@ RunResult Sandbox::runProgramAs(User user, const std::string& program, const std
     return runSandboxed(&user, program, arguments, environment);
 }
 
-RunResult Sandbox::runSandboxed(const User* user, const std::string& program,
-                                const std::vector<std::string>& arguments, const Environment& environment) const
+RunResult Sandbox::runSandboxed(const User* user, const std::string& program, const std::vector<std::string>& arguments,
+                                const Environment& environment) const
 {
     std::vector<std::string> command{"/bin/bash", kSandboxScript, "run", "--bundle"};
     if (theBundleIsCopy) {
