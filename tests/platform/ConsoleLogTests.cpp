@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
+namespace {
+
 using platform::ConsoleLog;
 using platform::ProcessInfo;
-
-namespace {
 
 // Sends standard error to a file for as long as it lives.
 class StandardErrorToFile {
@@ -48,8 +48,6 @@ std::string idsOfThisThread()
 {
     return "[" + std::to_string(getpid()) + ":" + std::to_string(gettid()) + "]";
 }
-
-}  // namespace
 
 TEST(ConsoleLog, LineHasDateTimeMillisecondsNameIdsAndMessage)
 {
@@ -200,3 +198,5 @@ TEST(ConsoleLog, SinkCanBeReplacedWhileOtherThreadsLog)
     ConsoleLog::setSinkForTesting({});
     EXPECT_EQ(delivered, 3 * 2000);
 }
+
+}  // namespace

@@ -13,20 +13,20 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/RemoverFixture.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
 
-using remover_e2e::agentPlistPath;
-using remover_e2e::describe;
-using remover_e2e::kCouldNotRemove;
-using remover_e2e::kDefaultApp;
-using remover_e2e::kDefaultFolder;
-using remover_e2e::kNotFound;
-using remover_e2e::kRemoved;
-using remover_e2e::line;
-using remover_e2e::sha224Hex;
+using testsupport::agentPlistPath;
+using testsupport::describe;
+using testsupport::kCouldNotRemove;
+using testsupport::kDefaultApp;
+using testsupport::kDefaultFolder;
+using testsupport::kNotFound;
+using testsupport::kRemoved;
+using testsupport::line;
 using testsupport::JournalEntry;
 using testsupport::RunResult;
 using testsupport::Sandbox;
@@ -92,7 +92,7 @@ std::string agentXml(const std::string& label, const std::vector<std::string>& a
 
 std::string labelOf(const std::string& appPath)
 {
-    return kLabelPrefix + sha224Hex(appPath);
+    return kLabelPrefix + testsupport::opensslDigestOf("sha224", appPath);
 }
 
 std::string helperBundleOf(const std::string& appPath, const std::string& appName)
@@ -195,7 +195,7 @@ std::vector<JournalEntry> sorted(std::vector<JournalEntry> entries)
 // neither print component is there; the folder, empty by then, goes.
 std::string linesAfterAgentStep()
 {
-    const remover_e2e::QuietRunTail tail = remover_e2e::quietRunTail(kDefaultApp);
+    const testsupport::QuietRunTail tail = testsupport::quietRunTail(kDefaultApp);
     return tail.manager + tail.fileList + tail.components + tail.folder;
 }
 
@@ -217,7 +217,7 @@ RunResult runQelutil(const Sandbox& sandbox, const std::vector<std::string>& arg
 // A fixture with the application installed and the user's Library folder.
 void prepare(const Sandbox& sandbox)
 {
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
     sandbox.makeDirectory(kLibrary);
 }
 
@@ -239,7 +239,7 @@ TEST(UpdaterAgentTest, MissingAgentsFolderIsCreatedNothingIsUnloadedAndTheLineSa
 TEST(UpdaterAgentTest, HomeWithoutLibraryFolderIsLeftAsItIsAndTheLineStillSaysRemoved)
 {
     Sandbox sandbox;
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
 
     const RunResult result = runRemover(sandbox);
 
@@ -498,7 +498,7 @@ TEST(UpdaterAgentTest, MissingApplicationYieldsCouldNotRemoveAndNothingIsSwept)
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     // Neither the application nor its folder is there for the later steps.
-    const remover_e2e::QuietRunTail tail = remover_e2e::quietRunTail(kDefaultApp);
+    const testsupport::QuietRunTail tail = testsupport::quietRunTail(kDefaultApp);
     EXPECT_EQ(result.standardOutput, line(kCouldNotRemove, agentPlistPath(kDefaultApp)) + tail.manager +
                                          line(kNotFound, kDefaultApp) + tail.components +
                                          line(kNotFound, kDefaultFolder));
@@ -606,7 +606,7 @@ TEST(UpdaterAgentTest, QelutilInstallWritesTheAgentAndLoadsIt)
     EXPECT_EQ(plist_dict_get_size(agent.get()), 4U) << text;
 
     EXPECT_EQ(stringValue(plist_dict_get_item(agent.get(), "Label")),
-              std::optional<std::string>("com.corvane.QEL." + sha224Hex(kDefaultApp)));
+              std::optional<std::string>("com.corvane.QEL." + testsupport::opensslDigestOf("sha224", kDefaultApp)));
 
     plist_t arguments = plist_dict_get_item(agent.get(), "ProgramArguments");
     ASSERT_NE(arguments, nullptr) << text;
