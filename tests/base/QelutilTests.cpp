@@ -111,7 +111,8 @@ TEST(Qelutil, MalformedArgumentsExit64WithTheCommandsUsage)
                                                                        {"verify", "1", "-2"}}) {
         const RunResult result = runQelutil(arguments);
         EXPECT_EQ(result.exitStatus, 64) << arguments.front();
-        EXPECT_NE(result.standardError.find("usage: qelutil " + arguments.front()), std::string::npos) << result.standardError;
+        EXPECT_NE(result.standardError.find("usage: qelutil " + arguments.front()), std::string::npos)
+            << result.standardError;
     }
 }
 

@@ -24,14 +24,16 @@ using testsupport::Sandbox;
 void useBundleCopyWith(Sandbox& sandbox, const std::string& extraEntries)
 {
     sandbox.useBundleCopy();
-    sandbox.writeFile(std::string(Sandbox::kBundlePath) + "/Contents/Info.plist",
-                      testsupport::plistDocument(plistStringEntry("CFBundleIdentifier", "com.corvane.lumidoc.RemoverTool") +
-                                                 plistStringEntry("CFBundleExecutable", "RemoverTool") + extraEntries));
+    sandbox.writeFile(
+        std::string(Sandbox::kBundlePath) + "/Contents/Info.plist",
+        testsupport::plistDocument(plistStringEntry("CFBundleIdentifier", "com.corvane.lumidoc.RemoverTool") +
+                                   plistStringEntry("CFBundleExecutable", "RemoverTool") + extraEntries));
 }
 
 void writeStoredSettings(const Sandbox& sandbox, const std::string& entries)
 {
-    sandbox.writeFile("~/Library/Preferences/com.corvane.lumidoc.RemoverTool.plist", testsupport::plistDocument(entries));
+    sandbox.writeFile("~/Library/Preferences/com.corvane.lumidoc.RemoverTool.plist",
+                      testsupport::plistDocument(entries));
 }
 
 RunResult runQelutil(const Sandbox& sandbox, const std::vector<std::string>& arguments)
@@ -65,8 +67,7 @@ TEST(Settings, AppTypeOnTheCommandLineIsUsed)
 TEST(Settings, AppTypeComesFromTheBundleWithoutASetting)
 {
     const Sandbox sandbox;
-    const RunResult result =
-        runQelutil(sandbox, {"app-type"});
+    const RunResult result = runQelutil(sandbox, {"app-type"});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "Lumidoc Remover\n");
 }
@@ -83,8 +84,7 @@ TEST(Settings, AppTypeInTheStoredSettingsWinsOverTheBundles)
 {
     const Sandbox sandbox;
     writeStoredSettings(sandbox, plistStringEntry("AppType", "Lumidoc Stored"));
-    const RunResult result =
-        runQelutil(sandbox, {"app-type"});
+    const RunResult result = runQelutil(sandbox, {"app-type"});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "Lumidoc Stored\n");
 }
@@ -102,8 +102,7 @@ TEST(Settings, MissingAppTypeRaises1859WithoutRecursion)
 {
     Sandbox sandbox;
     useBundleCopyWith(sandbox, "");
-    const RunResult result =
-        runQelutil(sandbox, {"app-type"});
+    const RunResult result = runQelutil(sandbox, {"app-type"});
     EXPECT_EQ(result.exitStatus, 70) << result.standardError;
     EXPECT_EQ(result.standardOutput, "");
     // The line for 1859 needs the application type itself: it is never written.
@@ -114,8 +113,7 @@ TEST(Settings, MissingAppTypeMakes1859ThePriorErrorOfAnyRaise)
 {
     Sandbox sandbox;
     useBundleCopyWith(sandbox, "");
-    const RunResult result =
-        runQelutil(sandbox, {"raise", "1844"});
+    const RunResult result = runQelutil(sandbox, {"raise", "1844"});
     EXPECT_EQ(result.exitStatus, 70) << result.standardError;
     // Logging 1844 asks for the application type, which records 1859 first.
     EXPECT_EQ(linesOf(result.standardError), std::vector<std::string>{"QELFatalException 1859"});
@@ -125,8 +123,7 @@ TEST(Settings, BundlesAppTypeIsUsedInACopiedBundle)
 {
     Sandbox sandbox;
     useBundleCopyWith(sandbox, plistStringEntry("AppType", "Lumidoc Copy"));
-    const RunResult result =
-        runQelutil(sandbox, {"app-type"});
+    const RunResult result = runQelutil(sandbox, {"app-type"});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "Lumidoc Copy\n");
 }

@@ -13,11 +13,11 @@ namespace {
 
 using testsupport::describe;
 using testsupport::installApp;
+using testsupport::JournalEntry;
 using testsupport::kDefaultApp;
 using testsupport::kJexRef;
 using testsupport::quietRunTail;
 using testsupport::QuietRunTail;
-using testsupport::JournalEntry;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 

@@ -16,12 +16,12 @@ namespace {
 
 using testsupport::agentPlistPath;
 using testsupport::describe;
+using testsupport::JournalEntry;
 using testsupport::kCouldNotRemove;
 using testsupport::kDefaultApp;
 using testsupport::kNotFound;
 using testsupport::line;
 using testsupport::quietRunTail;
-using testsupport::JournalEntry;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 

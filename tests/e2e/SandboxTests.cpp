@@ -388,7 +388,9 @@ TEST_P(SandboxLayoutTest, FixtureFunctionsSeeWhatAProgramInsideDid)
 }
 
 INSTANTIATE_TEST_SUITE_P(SandboxTest, SandboxLayoutTest, testing::Values(Layout::SeparateMounts, Layout::SingleDisk),
-                         [](const testing::TestParamInfo<Layout>& info) { return testsupport::layoutName(info.param); });
+                         [](const testing::TestParamInfo<Layout>& info) {
+                             return testsupport::layoutName(info.param);
+                         });
 
 // The library doubles are loaded into this test process directly, writing
 // their journal into the fixture's state folder.

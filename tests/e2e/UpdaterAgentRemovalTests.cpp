@@ -80,7 +80,6 @@ std::string reportWithAgentLine(const std::string& agentLine)
     return agentLine + linesAfterAgentStep();
 }
 
-
 // ---- the agents folder ------------------------------------------------------
 
 TEST_F(UpdaterAgentTest, MissingAgentsFolderIsCreatedNothingIsUnloadedAndTheLineSaysRemoved)

@@ -54,7 +54,8 @@ void layDownCompleteInstallation(Sandbox& sandbox)
     sandbox.writeFile(kCompanionLog, kCompanionApp + "\n/Library/Application Support/Corvane/Ravelin\n");
 
     const std::string agent = agentPlistPath(kDefaultApp);
-    writeAgent(sandbox, agent, "com.corvane.QEL." + testsupport::opensslDigestOf("sha224", kDefaultApp), {kHelperExecutable});
+    writeAgent(sandbox, agent, "com.corvane.QEL." + testsupport::opensslDigestOf("sha224", kDefaultApp),
+               {kHelperExecutable});
     sandbox.addLoadedAgent(agent);
 
     sandbox.writeFile(kJexRef, "reference");

@@ -154,7 +154,8 @@ TEST_F(HashCommand, HashAppPathWithItsOneHexCheckSkippedByTheForcedErrorPrintsTh
     const RunResult result = run({"hash-app-path", "/x", "-ForceError", "1876", "-ForceErrorSkipCount", "1"});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, opensslDigestOf("sha224", "/x") + "\n");
-    EXPECT_TRUE(anyLineContains(result.standardError, "Error 1876 forced for testing but count only 1 out of 2")) << result.standardError;
+    EXPECT_TRUE(anyLineContains(result.standardError, "Error 1876 forced for testing but count only 1 out of 2"))
+        << result.standardError;
 }
 
 TEST_F(HashCommand, HashFilePrintsTheDigestAndExitsZero)

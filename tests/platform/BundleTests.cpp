@@ -225,7 +225,7 @@ TEST(BundleTest, MainBundleOfAnExecutableInContentsMacOSIsTheApp)
     writeInfo(app, probeInfo());
     testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
     EXPECT_EQ(testsupport::runRunningTestIn(app + "/Contents/MacOS/probe",
-                                              {std::string(kExpectedMainBundleVariable) + "=" + app}),
+                                            {std::string(kExpectedMainBundleVariable) + "=" + app}),
               0);
 }
 

@@ -246,7 +246,7 @@ TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlo
                 strings({{"Everywhere", "global"}, {"AppAndGlobal", "global"}, {"GlobalOnly", "global"}}));
 
     EXPECT_EQ(testsupport::runRunningTestIn(app + "/Contents/MacOS/probe",
-                                              {std::string(kPreferencesVariable) + "=" + folder}),
+                                            {std::string(kPreferencesVariable) + "=" + folder}),
               0);
 }
 

@@ -107,8 +107,8 @@ void PrintTo(Layout layout, std::ostream* out)
 
 Sandbox::Sandbox(Layout layout) : theLayout(layout)
 {
-    const RunResult init = runScript(
-        {"init", "--layout", layout == Layout::SingleDisk ? "single-disk" : "separate", root()});
+    const RunResult init =
+        runScript({"init", "--layout", layout == Layout::SingleDisk ? "single-disk" : "separate", root()});
     if (init.exitStatus != 0) {
         throw std::runtime_error("cannot lay down the fixture: " + init.standardError);
     }

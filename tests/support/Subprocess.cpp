@@ -134,9 +134,8 @@ void Subprocess::pump(std::string_view pending)
         if (writing ? pending.empty() : !theOutput.isOpen() && !theError.isOpen()) {
             return;
         }
-        std::array<pollfd, 3> fds{{{theOutput.get(), POLLIN, 0},
-                                   {theError.get(), POLLIN, 0},
-                                   {writing ? theInput.get() : -1, POLLOUT, 0}}};
+        std::array<pollfd, 3> fds{
+            {{theOutput.get(), POLLIN, 0}, {theError.get(), POLLIN, 0}, {writing ? theInput.get() : -1, POLLOUT, 0}}};
         if (poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) {
                 continue;
