@@ -26,26 +26,18 @@ using testsupport::helperProgramOf;
 using testsupport::installHelper;
 using testsupport::JournalEntry;
 using testsupport::kAgents;
-using testsupport::kCouldNotRemove;
 using testsupport::kDefaultApp;
 using testsupport::kDefaultFolder;
 using testsupport::kFamilyLabel;
 using testsupport::kHome;
 using testsupport::kHomeLibrary;
-using testsupport::kLabelPrefix;
-using testsupport::kNotFound;
 using testsupport::kOtherApp;
-using testsupport::kRemoved;
-using testsupport::kSomeHex;
 using testsupport::labelEntry;
 using testsupport::labelOf;
 using testsupport::launchctlCalls;
-using testsupport::line;
 using testsupport::loadOf;
-using testsupport::plistStringEntry;
 using testsupport::RunResult;
 using testsupport::Sandbox;
-using testsupport::sorted;
 using testsupport::unloadOf;
 
 struct PlistFree {

@@ -39,7 +39,6 @@ using testsupport::labelEntry;
 using testsupport::labelOf;
 using testsupport::launchctlCalls;
 using testsupport::line;
-using testsupport::loadOf;
 using testsupport::plistStringEntry;
 using testsupport::RunResult;
 using testsupport::Sandbox;
