@@ -13,7 +13,7 @@ set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 top=$(cd "$here/.." && pwd)
-sandbox=$top/tests/doubles/sandbox.sh
+sandbox=$top/tests/sandbox/sandbox.sh
 bundle=${REMOVER_BUNDLE:-$top/build/RemoverTool.app}
 doubles=${REMOVER_DOUBLES_BUILD:-$(dirname "$bundle")/tests/doubles}
 app="/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app"
@@ -31,6 +31,7 @@ else
 fi
 
 "$sandbox" init "$fixture"
+state=$("$sandbox" path "$fixture" /var/db/doubles)
 "$here/sample-install.sh" "$fixture"
 
 # The remover runs from a copy of its bundle that carries the library double.
@@ -61,13 +62,13 @@ show_state() {
     "$sandbox" tree "$fixture" >"$fixture/tree-$1"
     fold_bundles "$fixture/tree-$1"
     heading "$1: package receipts"
-    ls "$fixture/state/receipts"
+    ls "$state/receipts"
     heading "$1: loaded launch agents"
-    cat -v "$fixture/state/launchd-loaded"
+    cat -v "$state/launchd-loaded"
 }
 
 show_state Before
-: >"$fixture/state/journal"
+: >"$state/journal"
 
 heading "RemoverTool x \"$app\""
 status=0
@@ -81,4 +82,4 @@ LC_ALL=C comm -23 <(LC_ALL=C sort "$fixture/tree-Before") <(LC_ALL=C sort "$fixt
     LC_ALL=C sort -t ' ' -k 2 >"$fixture/tree-gone"
 fold_bundles "$fixture/tree-gone"
 heading "Calls the tool doubles saw"
-awk -F '\t' '{ line = $1; for (i = 2; i <= NF; i++) line = line " \"" $i "\""; print line }' "$fixture/state/journal"
+awk -F '\t' '{ line = $1; for (i = 2; i <= NF; i++) line = line " \"" $i "\""; print line }' "$state/journal"

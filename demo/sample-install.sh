@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # sample-install.sh DIR: lays down a sample Corvane Lumidoc 10 installation in
-# the fixture layout under DIR (see tests/doubles/sandbox.sh): DIR/Applications,
-# DIR/Library and DIR/home (the home folder, /root inside the sandbox), plus
-# the package receipts and the loaded launch agents in DIR/state, where the
-# pkgutil and launchctl doubles keep them.
+# the fixture DIR that tests/sandbox/sandbox.sh laid down (which says where
+# each folder lies): /Applications, /Library and /root as a program inside
+# sees them, plus the package receipts and the loaded launch agents in
+# /var/db/doubles, where the pkgutil and launchctl doubles keep them.
 #
 # The application is "/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app"
 # (identifier com.corvane.lumidoc.pro, version 10.0.3), next to its companion
@@ -20,6 +20,8 @@ set -euo pipefail
 }
 root=$1
 home=/root
+sandbox=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/tests/sandbox/sandbox.sh
+state=$("$sandbox" path "$root" /var/db/doubles)
 
 app_folder="/Applications/Corvane Lumidoc X Pro"
 app="$app_folder/Corvane Lumidoc Pro.app"
@@ -27,10 +29,7 @@ support="/Library/Application Support/Corvane/Lumidoc"
 
 # at PATH: where a path inside the sandbox lies under DIR.
 at() {
-    case $1 in
-    "$home" | "$home"/*) printf '%s' "$root/home${1#"$home"}" ;;
-    *) printf '%s' "$root$1" ;;
-    esac
+    "$sandbox" path "$root" "$1"
 }
 
 # put PATH [CONTENTS]: writes a file (contents from the argument or stdin).
@@ -189,9 +188,9 @@ agent "$agents/$stale_label.plist" "$stale_label" \
     "$old_app/Contents/MacOS/Updater/Corvane Lumidoc Pro Updater Helper.app/Contents/MacOS/Corvane Lumidoc Pro Updater Helper"
 agent "$agents/com.example.backup.plist" com.example.backup /usr/bin/true
 
-mkdir -p "$root/state/receipts"
+mkdir -p "$state/receipts"
 printf '%s\n' "$agents/$own_label.plist" "$agents/$stale_label.plist" "$agents/com.example.backup.plist" \
-    >"$root/state/launchd-loaded"
+    >"$state/launchd-loaded"
 
 # --- Install logs
 tab=$'\t'
@@ -232,5 +231,5 @@ for identifier in \
     com.corvane.lumidoc.a10.LumidocSecUpd1002 \
     com.corvane.lumidoc.a10.LumidocSecUpd1003 \
     com.corvane.lumidoc.9.viewer.app.pkg; do
-    printf '/\n' >"$root/state/receipts/$identifier"
+    printf '/\n' >"$state/receipts/$identifier"
 done

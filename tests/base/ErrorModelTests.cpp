@@ -7,12 +7,14 @@
 
 #include "base/QELBVerify.h"
 #include "base/QELBase.h"
-#include "tests/base/BaseTestSupport.h"
+#include "tests/support/ConsoleCapture.h"
+#include "tests/support/Lines.h"
+#include "tests/support/Settings.h"
 
 namespace {
 
-using basetest::ConsoleCapture;
-using basetest::kTestAppType;
+using testsupport::ConsoleCapture;
+using testsupport::kTestAppType;
 
 std::string encountered(int code)
 {
@@ -41,7 +43,7 @@ platform::Exception caughtFatalRaise(int code)
 
 class ErrorModel : public ::testing::Test {
 protected:
-    void SetUp() override { basetest::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", "0"}); }
+    void SetUp() override { testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", "0"}); }
 };
 
 TEST_F(ErrorModel, FatalRaiseCarriesThePriorErrorUnderTheErrorKey)
@@ -265,7 +267,7 @@ TEST_F(ErrorModel, HandleRaiseKeepsAnExistingPriorError)
 
 TEST_F(ErrorModel, AFailingConditionReportsItsErrorWhenForceErrorNamesAnotherCode)
 {
-    basetest::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874"});
+    testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874"});
     const ConsoleCapture console;
     EXPECT_TRUE(QELBase::condShouldTriggerErrorCode(false, 1536));
     try {
@@ -279,7 +281,7 @@ TEST_F(ErrorModel, AFailingConditionReportsItsErrorWhenForceErrorNamesAnotherCod
 
 TEST_F(ErrorModel, AHoldingConditionPassesWhenForceErrorNamesAnotherCode)
 {
-    basetest::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874"});
+    testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874"});
     const ConsoleCapture console;
     EXPECT_FALSE(QELBase::condShouldTriggerErrorCode(true, 1536));
     EXPECT_NO_THROW(QELBase::verifyCondition(true, 1536));
@@ -288,10 +290,10 @@ TEST_F(ErrorModel, AHoldingConditionPassesWhenForceErrorNamesAnotherCode)
 
 TEST_F(ErrorModel, ForcedErrorCountIsSharedByAllCodesAndNeverReset)
 {
-    basetest::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874", "-ForceErrorSkipCount", "2"});
+    testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874", "-ForceErrorSkipCount", "2"});
     const ConsoleCapture console;
     EXPECT_FALSE(QELBase::condShouldTriggerErrorCode(true, 1874));
-    basetest::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1536", "-ForceErrorSkipCount", "2"});
+    testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1536", "-ForceErrorSkipCount", "2"});
     EXPECT_FALSE(QELBase::condShouldTriggerErrorCode(true, 1536));
     EXPECT_TRUE(QELBase::condShouldTriggerErrorCode(true, 1536));
     EXPECT_EQ(console.messages(), (std::vector<std::string>{"Error 1874 forced for testing but count only 1 out of 3",
@@ -301,10 +303,10 @@ TEST_F(ErrorModel, ForcedErrorCountIsSharedByAllCodesAndNeverReset)
 
 TEST_F(ErrorModel, ForcingSettingsAreReadFromTheCommandLineAsIntegers)
 {
-    basetest::useCommandLineSettings({"-ForceError", " 1874xyz", "-ForceErrorSkipCount", "-3"});
+    testsupport::useCommandLineSettings({"-ForceError", " 1874xyz", "-ForceErrorSkipCount", "-3"});
     EXPECT_EQ(QELBase::forceErrorCode(), 1874);
     EXPECT_EQ(QELBase::forceErrorCodeSkipCount(), -3);
-    basetest::useCommandLineSettings({});
+    testsupport::useCommandLineSettings({});
     EXPECT_EQ(QELBase::forceErrorCode(), 0);
     EXPECT_EQ(QELBase::forceErrorCodeSkipCount(), 0);
 }

@@ -13,16 +13,18 @@
 #include "base/QELBVerify.h"
 #include "base/QELBase.h"
 #include "platform/ConsoleLog.h"
-#include "tests/base/BaseTestSupport.h"
+#include "tests/support/ConsoleCapture.h"
+#include "tests/support/Lines.h"
+#include "tests/support/Settings.h"
 
 namespace {
 
-using basetest::ConsoleCapture;
-using basetest::kTestAppType;
+using testsupport::ConsoleCapture;
+using testsupport::kTestAppType;
 
 void useLogLevel(const std::string& level)
 {
-    basetest::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", level});
+    testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", level});
 }
 
 TEST(Logging, LevelOneMessagesAreWrittenWithLogLevelOne)
@@ -105,7 +107,7 @@ TEST(Logging, LinesFromSeveralThreadsNeverInterleave)
     platform::ConsoleLog::setSinkForTesting(nullptr);
 
     ASSERT_EQ(position.load(), written.size());
-    const std::vector<std::string> lines = basetest::linesOf(std::string(written.begin(), written.end()));
+    const std::vector<std::string> lines = testsupport::linesOf(std::string(written.begin(), written.end()));
     ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLinesPerThread));
     for (const auto& line : lines) {
         ASSERT_EQ(line.size(), kLineLength);
@@ -118,7 +120,7 @@ class ForeignThrowingConsole : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        basetest::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", "0"});
+        testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", "0"});
         platform::ConsoleLog::setSinkForTesting(
             [](const std::string& message) { throw std::runtime_error("console gone: " + message); });
     }
@@ -169,7 +171,7 @@ TEST_F(ForeignThrowingConsole, PassesThroughTheVerifyFunctions)
 
 TEST_F(ForeignThrowingConsole, PassesThroughForcedChecks)
 {
-    basetest::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874"});
+    testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-ForceError", "1874"});
     EXPECT_THROW(QELBase::condShouldTriggerErrorCode(true, 1874), std::runtime_error);
 }
 
@@ -188,7 +190,7 @@ class PlatformThrowingConsole : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        basetest::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", "0"});
+        testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", "0"});
         platform::ConsoleLog::setSinkForTesting(
             [](const std::string&) { platform::Exception::raise("NSFileHandleOperationException", "closed"); });
     }

@@ -7,41 +7,38 @@
 
 #include "base/QELBase.h"
 #include "platform/ProcessInfo.h"
-#include "tests/base/BaseTestSupport.h"
-#include "tests/support/TempDir.h"
+#include "tests/support/Lines.h"
+#include "tests/support/PlistXml.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/Settings.h"
 
 namespace {
 
-using basetest::linesOf;
-using basetest::RunResult;
+using testsupport::linesOf;
+using testsupport::plistStringEntry;
+using testsupport::RunResult;
+using testsupport::Sandbox;
 
-std::string infoPlist(const std::string& extraEntries)
+// The built bundle's copy in the fixture, its information dictionary
+// replaced by one with the given extra entries.
+void useBundleCopyWith(Sandbox& sandbox, const std::string& extraEntries)
 {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
-           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-           "<plist version=\"1.0\">\n<dict>\n"
-           "\t<key>CFBundleIdentifier</key>\n\t<string>com.corvane.lumidoc.RemoverTool</string>\n"
-           "\t<key>CFBundleExecutable</key>\n\t<string>RemoverTool</string>\n" +
-           extraEntries + "</dict>\n</plist>\n";
+    sandbox.useBundleCopy();
+    sandbox.writeFile(
+        std::string(Sandbox::kBundlePath) + "/Contents/Info.plist",
+        testsupport::plistDocument(plistStringEntry("CFBundleIdentifier", "com.corvane.lumidoc.RemoverTool") +
+                                   plistStringEntry("CFBundleExecutable", "RemoverTool") + extraEntries));
 }
 
-// A copy of the built bundle's qelutil in a bundle of the test's own whose
-// information dictionary has the given extra entries.
-std::string makeBundleCopy(const testsupport::TempDir& dir, const std::string& extraEntries)
+void writeStoredSettings(const Sandbox& sandbox, const std::string& entries)
 {
-    std::string bundle = dir.at("Copy.app");
-    testsupport::writeFile(bundle + "/Contents/Info.plist", infoPlist(extraEntries));
-    testsupport::makeDirectories(bundle + "/Contents/MacOS");
-    std::filesystem::copy_file(basetest::qelutilPathIn(basetest::bundlePath()), basetest::qelutilPathIn(bundle));
-    return bundle;
+    sandbox.writeFile("~/Library/Preferences/com.corvane.lumidoc.RemoverTool.plist",
+                      testsupport::plistDocument(entries));
 }
 
-void writeStoredSettings(const std::string& home, const std::string& entries)
+RunResult runQelutil(const Sandbox& sandbox, const std::vector<std::string>& arguments)
 {
-    testsupport::writeFile(home + "/Library/Preferences/com.corvane.lumidoc.RemoverTool.plist",
-                           "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n" + entries +
-                               "</dict>\n</plist>\n");
+    return sandbox.runProgram(Sandbox::kQelutilPath, arguments);
 }
 
 TEST(Settings, PathToUsReturnsTheFirstProcessArgumentUnchanged)
@@ -63,82 +60,72 @@ TEST(Settings, PathToUsWithoutArgumentsRaisesTheRangeException)
 
 TEST(Settings, AppTypeOnTheCommandLineIsUsed)
 {
-    basetest::useCommandLineSettings({"-AppType", "Lumidoc Command Line"});
+    testsupport::useCommandLineSettings({"-AppType", "Lumidoc Command Line"});
     EXPECT_EQ(QELBase::appType(), "Lumidoc Command Line");
 }
 
 TEST(Settings, AppTypeComesFromTheBundleWithoutASetting)
 {
-    const testsupport::TempDir home;
-    const RunResult result =
-        basetest::runSandboxed(home.path(), basetest::qelutilPathIn(basetest::bundlePath()), {"app-type"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Lumidoc Remover\n");
+    const Sandbox sandbox;
+    const RunResult result = runQelutil(sandbox, {"app-type"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "Lumidoc Remover\n");
 }
 
 TEST(Settings, AppTypeOnTheCommandLineWinsOverTheBundles)
 {
-    const testsupport::TempDir home;
-    const RunResult result = basetest::runSandboxed(home.path(), basetest::qelutilPathIn(basetest::bundlePath()),
-                                                    {"app-type", "-AppType", "Lumidoc Command Line"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Lumidoc Command Line\n");
+    const Sandbox sandbox;
+    const RunResult result = runQelutil(sandbox, {"app-type", "-AppType", "Lumidoc Command Line"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "Lumidoc Command Line\n");
 }
 
 TEST(Settings, AppTypeInTheStoredSettingsWinsOverTheBundles)
 {
-    const testsupport::TempDir home;
-    writeStoredSettings(home.path(), "\t<key>AppType</key>\n\t<string>Lumidoc Stored</string>\n");
-    const RunResult result =
-        basetest::runSandboxed(home.path(), basetest::qelutilPathIn(basetest::bundlePath()), {"app-type"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Lumidoc Stored\n");
+    const Sandbox sandbox;
+    writeStoredSettings(sandbox, plistStringEntry("AppType", "Lumidoc Stored"));
+    const RunResult result = runQelutil(sandbox, {"app-type"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "Lumidoc Stored\n");
 }
 
 TEST(Settings, AppTypeOnTheCommandLineWinsOverTheStoredSettings)
 {
-    const testsupport::TempDir home;
-    writeStoredSettings(home.path(), "\t<key>AppType</key>\n\t<string>Lumidoc Stored</string>\n");
-    const RunResult result = basetest::runSandboxed(home.path(), basetest::qelutilPathIn(basetest::bundlePath()),
-                                                    {"app-type", "-AppType", "Lumidoc Command Line"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Lumidoc Command Line\n");
+    const Sandbox sandbox;
+    writeStoredSettings(sandbox, plistStringEntry("AppType", "Lumidoc Stored"));
+    const RunResult result = runQelutil(sandbox, {"app-type", "-AppType", "Lumidoc Command Line"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "Lumidoc Command Line\n");
 }
 
 TEST(Settings, MissingAppTypeRaises1859WithoutRecursion)
 {
-    const testsupport::TempDir home;
-    const testsupport::TempDir bundles;
-    const std::string bundle = makeBundleCopy(bundles, "");
-    const RunResult result =
-        basetest::runSandboxed(home.path(), basetest::qelutilPathIn(bundle), {"app-type"}, {bundle});
-    EXPECT_EQ(result.status, 70) << result.err;
-    EXPECT_EQ(result.out, "");
+    Sandbox sandbox;
+    useBundleCopyWith(sandbox, "");
+    const RunResult result = runQelutil(sandbox, {"app-type"});
+    EXPECT_EQ(result.exitStatus, 70) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "");
     // The line for 1859 needs the application type itself: it is never written.
-    EXPECT_EQ(linesOf(result.err), std::vector<std::string>{"QELFatalException 1859"});
+    EXPECT_EQ(linesOf(result.standardError), std::vector<std::string>{"QELFatalException 1859"});
 }
 
 TEST(Settings, MissingAppTypeMakes1859ThePriorErrorOfAnyRaise)
 {
-    const testsupport::TempDir home;
-    const testsupport::TempDir bundles;
-    const std::string bundle = makeBundleCopy(bundles, "");
-    const RunResult result =
-        basetest::runSandboxed(home.path(), basetest::qelutilPathIn(bundle), {"raise", "1844"}, {bundle});
-    EXPECT_EQ(result.status, 70) << result.err;
+    Sandbox sandbox;
+    useBundleCopyWith(sandbox, "");
+    const RunResult result = runQelutil(sandbox, {"raise", "1844"});
+    EXPECT_EQ(result.exitStatus, 70) << result.standardError;
     // Logging 1844 asks for the application type, which records 1859 first.
-    EXPECT_EQ(linesOf(result.err), std::vector<std::string>{"QELFatalException 1859"});
+    EXPECT_EQ(linesOf(result.standardError), std::vector<std::string>{"QELFatalException 1859"});
 }
 
 TEST(Settings, BundlesAppTypeIsUsedInACopiedBundle)
 {
-    const testsupport::TempDir home;
-    const testsupport::TempDir bundles;
-    const std::string bundle = makeBundleCopy(bundles, "\t<key>AppType</key>\n\t<string>Lumidoc Copy</string>\n");
-    const RunResult result =
-        basetest::runSandboxed(home.path(), basetest::qelutilPathIn(bundle), {"app-type"}, {bundle});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Lumidoc Copy\n");
+    Sandbox sandbox;
+    useBundleCopyWith(sandbox, plistStringEntry("AppType", "Lumidoc Copy"));
+    const RunResult result = runQelutil(sandbox, {"app-type"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "Lumidoc Copy\n");
 }
 
 }  // namespace

@@ -7,7 +7,10 @@
 #include <cctype>
 #include <string>
 
-#include "tests/fsutil/DigestTestSupport.h"
+#include "tests/support/ByteStream.h"
+#include "tests/support/Digests.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/Settings.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -16,7 +19,7 @@ const std::string kSixtyFourZeros(64, '0');
 
 class QELSecurityHashTest : public testing::Test {
 protected:
-    void SetUp() override { digesttest::useCommandLineSettings({}); }
+    void SetUp() override { testsupport::useCommandLineSettings({"-AppType", "Digest Test"}); }
 
     // A file of the test with the given contents.
     std::string fileWith(const std::string& name, const std::string& contents)
@@ -27,7 +30,7 @@ protected:
 
     static std::string opensslSha256Of(const std::string& path)
     {
-        return digesttest::opensslDigestsOfFiles("sha256", {path})[0];
+        return testsupport::opensslDigestsOfFiles("sha256", {path})[0];
     }
 
     testsupport::TempDir dir;
@@ -39,8 +42,6 @@ std::string upperCase(std::string text)
                    [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
     return text;
 }
-
-}  // namespace
 
 TEST_F(QELSecurityHashTest, HashForFileGivesTheFileSha256AndStatusZero)
 {
@@ -54,7 +55,7 @@ TEST_F(QELSecurityHashTest, HashForFileGivesTheFileSha256AndStatusZero)
 TEST_F(QELSecurityHashTest, HashForFileMatchesOpensslOnFilesOfSeveralPages)
 {
     for (size_t length : {1U, 4095U, 4096U, 4097U, (3U << 20) + 5U}) {
-        const std::string path = fileWith(std::to_string(length) + ".bin", digesttest::messageBytes(length));
+        const std::string path = fileWith(std::to_string(length) + ".bin", testsupport::messageBytes(length));
         int32_t status = -7;
         EXPECT_EQ(QELSecurity::hashForFile(path, &status), opensslSha256Of(path)) << "length " << length;
         EXPECT_EQ(status, 0);
@@ -120,13 +121,13 @@ TEST_F(QELSecurityHashTest, HashForFileAcceptsNoStatus)
 
 TEST_F(QELSecurityHashTest, HashMatchesFileWithTheCorrectHashReturnsZero)
 {
-    const std::string path = fileWith("a", digesttest::messageBytes(1000));
+    const std::string path = fileWith("a", testsupport::messageBytes(1000));
     EXPECT_EQ(QELSecurity::hashMatchesFile(opensslSha256Of(path), path), 0);
 }
 
 TEST_F(QELSecurityHashTest, HashMatchesFileWithTheCorrectHashInUpperCaseReturnsOne)
 {
-    const std::string path = fileWith("a", digesttest::messageBytes(1000));
+    const std::string path = fileWith("a", testsupport::messageBytes(1000));
     EXPECT_EQ(QELSecurity::hashMatchesFile(upperCase(opensslSha256Of(path)), path), 1);
 }
 
@@ -152,3 +153,5 @@ TEST_F(QELSecurityHashTest, HashMatchesFileOfAnEmptyFileReturnsFourEvenForTheZer
     EXPECT_EQ(QELSecurity::hashMatchesFile("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855", path),
               4);
 }
+
+}  // namespace

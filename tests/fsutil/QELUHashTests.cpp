@@ -5,11 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "tests/fsutil/DigestTestSupport.h"
-
-using digesttest::fatalErrorCodeRaisedBy;
+#include "tests/support/ByteStream.h"
+#include "tests/support/Digests.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/Settings.h"
 
 namespace {
+
+using testsupport::fatalErrorCodeRaisedBy;
 
 bool isLowerCaseHex(const std::string& text)
 {
@@ -18,17 +21,13 @@ bool isLowerCaseHex(const std::string& text)
 
 std::string opensslSha224OfText(const std::string& text)
 {
-    const digesttest::CommandResult result = digesttest::runCommand("openssl", {"dgst", "-sha224", "-r"}, text);
-    EXPECT_EQ(result.exitStatus, 0) << result.err;
-    return result.out.substr(0, result.out.find(' '));
+    return testsupport::opensslDigestOf("sha224", text);
 }
 
 class QELUHashTest : public testing::Test {
 protected:
-    void SetUp() override { digesttest::useCommandLineSettings({}); }
+    void SetUp() override { testsupport::useCommandLineSettings({"-AppType", "Digest Test"}); }
 };
-
-}  // namespace
 
 TEST_F(QELUHashTest, HexFromBytesWritesEachByteAsTwoLowerCaseDigitsHighNibbleFirst)
 {
@@ -104,3 +103,5 @@ TEST_F(QELUHashTest, HashOfAppPathWithoutAUTF8FormRaisesFatal1844)
 {
     EXPECT_EQ(fatalErrorCodeRaisedBy([] { QELUHashOfAppPath("/Applications/\xFF\xFE.app"); }), 1844);
 }
+
+}  // namespace

@@ -8,13 +8,16 @@
 
 #include "fsutil/Sha256.h"
 #include "fsutil/Sha256Transform.h"
-#include "tests/fsutil/DigestTestSupport.h"
+#include "tests/support/ByteStream.h"
+#include "tests/support/Digests.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/Settings.h"
 #include "tests/support/TempDir.h"
 
-using digesttest::hex;
-using digesttest::messageBytes;
-
 namespace {
+
+using testsupport::hex;
+using testsupport::messageBytes;
 
 void expectEveryLengthMatchesOpenssl(const std::string& algorithm, std::string (*ours)(const std::string&))
 {
@@ -27,7 +30,7 @@ void expectEveryLengthMatchesOpenssl(const std::string& algorithm, std::string (
         testsupport::writeFile(files.back(), message);
         expected.push_back(ours(message));
     }
-    const std::vector<std::string> theirs = digesttest::opensslDigestsOfFiles(algorithm, files);
+    const std::vector<std::string> theirs = testsupport::opensslDigestsOfFiles(algorithm, files);
     for (size_t length = 0; length <= 1000; ++length) {
         EXPECT_EQ(expected[length], theirs[length]) << "length " << length;
     }
@@ -38,20 +41,18 @@ void expectLengthMatchesOpenssl(size_t length)
     const testsupport::TempDir dir;
     const std::string message = messageBytes(length);
     testsupport::writeFile(dir.at("message"), message);
-    EXPECT_EQ(digesttest::sha256Hex(message), digesttest::opensslDigestsOfFiles("sha256", {dir.at("message")})[0]);
-    EXPECT_EQ(digesttest::sha224Hex(message), digesttest::opensslDigestsOfFiles("sha224", {dir.at("message")})[0]);
+    EXPECT_EQ(testsupport::sha256Hex(message), testsupport::opensslDigestsOfFiles("sha256", {dir.at("message")})[0]);
+    EXPECT_EQ(testsupport::sha224Hex(message), testsupport::opensslDigestsOfFiles("sha224", {dir.at("message")})[0]);
 }
-
-}  // namespace
 
 TEST(Sha256Oracle, EveryLengthUpToAThousandMatchesOpenssl)
 {
-    expectEveryLengthMatchesOpenssl("sha256", &digesttest::sha256Hex);
+    expectEveryLengthMatchesOpenssl("sha256", &testsupport::sha256Hex);
 }
 
 TEST(Sha224Oracle, EveryLengthUpToAThousandMatchesOpenssl)
 {
-    expectEveryLengthMatchesOpenssl("sha224", &digesttest::sha224Hex);
+    expectEveryLengthMatchesOpenssl("sha224", &testsupport::sha224Hex);
 }
 
 TEST(Sha256Oracle, OneMebibyteMatchesOpenssl)
@@ -71,16 +72,16 @@ TEST(Sha256Oracle, BitLengthIsCountedInThirtyTwoBitsFromFiveHundredTwelveMebibyt
 {
     constexpr size_t kLength = size_t{1} << 29;
     constexpr size_t kPiece = size_t{1} << 20;
-    digesttest::OpensslDigestPipe standardShort("sha256");
-    digesttest::OpensslDigestPipe standardFull("sha256");
-    digesttest::OpensslDigestPipe standard224("sha224");
+    testsupport::OpensslDigestPipe standardShort("sha256");
+    testsupport::OpensslDigestPipe standardFull("sha256");
+    testsupport::OpensslDigestPipe standard224("sha224");
     sha256_ctx ctx{};
     std::memcpy(ctx.h, sha256_h0, sizeof ctx.h);
     sha256_ctx ctx224{};
     std::memcpy(ctx224.h, sha224_h0, sizeof ctx224.h);
     sha256_ctx shortCtx{};
 
-    digesttest::ByteStream stream(29);
+    testsupport::ByteStream stream(29);
     const std::unique_ptr<unsigned char[]> piece(new unsigned char[kPiece]);
     for (size_t done = 0; done < kLength; done += kPiece) {
         stream.fill(piece.get(), kPiece);
@@ -120,10 +121,12 @@ TEST(Sha256Oracle, BitLengthIsCountedInThirtyTwoBitsFromFiveHundredTwelveMebibyt
     const std::string ours = hex(digest, SHA256_DIGEST_SIZE);
     const std::string theirs = standardFull.finish();
     EXPECT_NE(ours, theirs);
-    EXPECT_EQ(ours, digesttest::hexOfState(zeroLengthState));
-    EXPECT_EQ(theirs, digesttest::hexOfState(standardState));
+    EXPECT_EQ(ours, testsupport::hexOfState(zeroLengthState));
+    EXPECT_EQ(theirs, testsupport::hexOfState(standardState));
 
     unsigned char digest224[SHA224_DIGEST_SIZE];
     sha224_final(&ctx224, digest224);
     EXPECT_NE(hex(digest224, SHA224_DIGEST_SIZE), standard224.finish());
 }
+
+}  // namespace

@@ -7,14 +7,17 @@
 #include <string>
 #include <vector>
 
-#include "tests/fsutil/DigestTestSupport.h"
-
-using digesttest::hex;
-using digesttest::messageBytes;
-using digesttest::sha224Hex;
-using digesttest::sha256Hex;
+#include "tests/support/ByteStream.h"
+#include "tests/support/Digests.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/Settings.h"
 
 namespace {
+
+using testsupport::hex;
+using testsupport::messageBytes;
+using testsupport::sha224Hex;
+using testsupport::sha256Hex;
 
 const std::string kTwoBlockMessage = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
 
@@ -74,7 +77,7 @@ std::string sha256HexOfHandPaddedSingleBlock(const std::string& message)
     block[63] = static_cast<unsigned char>(bits);
     sha256_ctx ctx = startedContext(sha256_h0);
     sha256_transf(&ctx, block, 1);
-    return digesttest::hexOfState(ctx.h);
+    return testsupport::hexOfState(ctx.h);
 }
 
 // How many bytes of the context's second buffer block final wrote: a
@@ -93,8 +96,6 @@ size_t secondBlockBytesTouchedByFinal(size_t messageLength)
     }
     return touched;
 }
-
-}  // namespace
 
 TEST(Sha256, EmptyMessageGivesTheStandardDigest)
 {
@@ -219,7 +220,7 @@ TEST(Sha256, UpdateSplitAtEveryPointMatchesOneShot)
 
 TEST(Sha256, UpdateInArbitraryPiecesMatchesOneShot)
 {
-    digesttest::ByteStream random(42);
+    testsupport::ByteStream random(42);
     for (int round = 0; round < 200; ++round) {
         unsigned char r[8];
         random.fill(r, sizeof r);
@@ -255,3 +256,5 @@ TEST(Sha256, ConstantTablesHoldTheStandardValues)
     EXPECT_EQ(sha256_k[31], 0x14292967U);
     EXPECT_EQ(sha256_k[63], 0xc67178f2U);
 }
+
+}  // namespace

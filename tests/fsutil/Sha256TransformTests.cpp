@@ -6,7 +6,10 @@
 
 #include "fsutil/Sha256.h"
 #include "fsutil/Sha256Transform.h"
-#include "tests/fsutil/DigestTestSupport.h"
+#include "tests/support/ByteStream.h"
+#include "tests/support/Digests.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/Settings.h"
 
 namespace {
 
@@ -42,8 +45,6 @@ protected:
     }
 };
 
-}  // namespace
-
 TEST(PortableTransform, SingleBlockOfAbcGivesTheStandardState)
 {
     const std::vector<unsigned char> block = padded("abc");
@@ -63,7 +64,7 @@ TEST_F(AcceleratedTransform, SingleBlockOfAbcGivesTheStandardState)
 TEST_F(AcceleratedTransform, MatchesPortableOnEveryMessageLengthUpToAThousand)
 {
     for (size_t length = 0; length <= 1000; ++length) {
-        const std::vector<unsigned char> blocks = padded(digesttest::messageBytes(length));
+        const std::vector<unsigned char> blocks = padded(testsupport::messageBytes(length));
         for (const uint32_t* initial : {sha256_h0, sha224_h0}) {
             EXPECT_EQ(stateAfter(&sha256_transf_accelerated, initial, blocks),
                       stateAfter(&sha256_transf_portable, initial, blocks))
@@ -74,7 +75,7 @@ TEST_F(AcceleratedTransform, MatchesPortableOnEveryMessageLengthUpToAThousand)
 
 TEST_F(AcceleratedTransform, MatchesPortableFromArbitraryStatesOnUnalignedBlocks)
 {
-    digesttest::ByteStream random(7);
+    testsupport::ByteStream random(7);
     for (int round = 0; round < 500; ++round) {
         uint32_t initial[8];
         random.fill(reinterpret_cast<unsigned char*>(initial), sizeof initial);
@@ -103,7 +104,7 @@ TEST_F(AcceleratedTransform, ZeroBlocksLeaveTheStateAlone)
 TEST(Sha256Transform, ContextTransformMatchesPortableOnEveryMessageLengthUpToAThousand)
 {
     for (size_t length = 0; length <= 1000; ++length) {
-        const std::vector<unsigned char> blocks = padded(digesttest::messageBytes(length));
+        const std::vector<unsigned char> blocks = padded(testsupport::messageBytes(length));
         sha256_ctx ctx{};
         std::memcpy(ctx.h, sha256_h0, sizeof ctx.h);
         sha256_transf(&ctx, blocks.data(), static_cast<uint32_t>(blocks.size() / 64));
@@ -111,3 +112,5 @@ TEST(Sha256Transform, ContextTransformMatchesPortableOnEveryMessageLengthUpToATh
             << "length " << length;
     }
 }
+
+}  // namespace

@@ -6,13 +6,13 @@
 #include <string>
 
 #include "platform/PropertyList.h"
-#include "tests/platform/RunCopyOfSelf.h"
+#include "tests/support/RunCopyOfSelf.h"
 #include "tests/support/TempDir.h"
+
+namespace {
 
 using platform::Bundle;
 using platform::PropertyList;
-
-namespace {
 
 constexpr const char* kExpectedMainBundleVariable = "PLATFORM_TESTS_EXPECTED_MAIN_BUNDLE";
 
@@ -31,8 +31,6 @@ PropertyList::Dictionary probeInfo()
     entries.emplace("Count", PropertyList::integer(3));
     return entries;
 }
-
-}  // namespace
 
 TEST(BundleTest, BundleWithPathNeedsAnExistingFolder)
 {
@@ -207,26 +205,28 @@ TEST(BundleTest, MainBundleOfAnExecutableOutsideAnAppIsItsFolder)
 {
     const auto bundle = Bundle::mainBundle();
     ASSERT_TRUE(bundle.has_value());
-    EXPECT_EQ(bundle->bundlePath(), std::filesystem::path(platformtests::runningExecutable()).parent_path().string());
+    EXPECT_EQ(bundle->bundlePath(), std::filesystem::path(testsupport::runningExecutable()).parent_path().string());
 }
 
 TEST(BundleTest, MainBundleOfAnExecutableInContentsMacOSIsTheApp)
 {
-    const std::string expected = platformtests::environmentValue(kExpectedMainBundleVariable);
+    const std::string expected = testsupport::environmentValue(kExpectedMainBundleVariable);
     if (!expected.empty()) {
         // Running as the copy inside the app.
         const auto bundle = Bundle::mainBundle();
         ASSERT_TRUE(bundle.has_value());
         EXPECT_EQ(bundle->bundlePath(), expected);
         EXPECT_EQ(bundle->bundleIdentifier(), "com.example.probe");
-        EXPECT_EQ(bundle->executablePath(), platformtests::runningExecutable());
+        EXPECT_EQ(bundle->executablePath(), testsupport::runningExecutable());
         return;
     }
     testsupport::TempDir dir;
     const std::string app = std::filesystem::canonical(dir.path()).string() + "/Probe.app";
     writeInfo(app, probeInfo());
-    platformtests::copyRunningExecutable(app + "/Contents/MacOS/probe");
-    EXPECT_EQ(platformtests::runRunningTestIn(app + "/Contents/MacOS/probe",
-                                              {std::string(kExpectedMainBundleVariable) + "=" + app}),
+    testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
+    EXPECT_EQ(testsupport::runRunningTestIn(app + "/Contents/MacOS/probe",
+                                            {std::string(kExpectedMainBundleVariable) + "=" + app}),
               0);
 }
+
+}  // namespace

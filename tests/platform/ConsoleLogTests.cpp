@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
+namespace {
+
 using platform::ConsoleLog;
 using platform::ProcessInfo;
-
-namespace {
 
 // Sends standard error to a file for as long as it lives.
 class StandardErrorToFile {
@@ -55,8 +55,6 @@ std::string idsOfThisThread()
     ids += ']';
     return ids;
 }
-
-}  // namespace
 
 TEST(ConsoleLog, LineHasDateTimeMillisecondsNameIdsAndMessage)
 {
@@ -207,3 +205,5 @@ TEST(ConsoleLog, SinkCanBeReplacedWhileOtherThreadsLog)
     ConsoleLog::setSinkForTesting({});
     EXPECT_EQ(delivered, 3 * 2000);
 }
+
+}  // namespace

@@ -4,6 +4,8 @@
 
 #include <chrono>
 
+namespace {
+
 using platform::Date;
 
 TEST(Date, DescriptionOfTheEpoch)
@@ -80,3 +82,5 @@ TEST(Date, AddingTimeIntervalMovesTheDate)
 {
     EXPECT_EQ(Date(0).addingTimeInterval(3661).description(), "1970-01-01 01:01:01 +0000");
 }
+
+}  // namespace

@@ -13,14 +13,14 @@
 #include <unistd.h>
 #include <vector>
 
+namespace {
+
 using platform::FileManager;
 using platform::FileType;
 using testsupport::makeDirectories;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 FileManager& fm()
 {
@@ -68,8 +68,6 @@ bool setImmutableFlag(const std::string& path, bool on)
 }
 
 using Names = std::vector<std::string>;
-
-}  // namespace
 
 TEST(FileManager, DefaultManagerIsOneInstance)
 {
@@ -441,3 +439,5 @@ TEST(FileManagerContents, MissingOrFolderIsNone)
     EXPECT_FALSE(fm().contentsAtPath(dir.at("missing")));
     EXPECT_FALSE(fm().contentsAtPath(dir.path()));
 }
+
+}  // namespace

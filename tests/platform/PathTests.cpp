@@ -11,6 +11,8 @@
 
 #include "tests/support/TempDir.h"
 
+namespace {
+
 using platform::appendingPathComponent;
 using platform::appendingPathExtension;
 using platform::deletingLastPathComponent;
@@ -19,15 +21,11 @@ using platform::isAbsolutePath;
 using platform::lastPathComponent;
 using platform::pathComponents;
 
-namespace {
-
 std::string passwordHomeOf(uid_t uid)
 {
     const passwd* entry = getpwuid(uid);
     return entry != nullptr && entry->pw_dir != nullptr ? entry->pw_dir : "";
 }
-
-}  // namespace
 
 TEST(LastPathComponent, TakesTheNameAfterTheLastSlash)
 {
@@ -280,3 +278,5 @@ TEST(FileURLPath, RelativePathIsTakenFromTheCurrentFolder)
     EXPECT_EQ(platform::fileURLPath("a/../b"), current + "/a/../b");
     EXPECT_EQ(platform::fileURLPath(""), current);
 }
+
+}  // namespace

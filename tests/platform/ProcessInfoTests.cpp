@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-using platform::ProcessInfo;
-
 namespace {
+
+using platform::ProcessInfo;
 
 std::vector<std::string> commandLineOfThisProcess()
 {
@@ -28,8 +28,6 @@ std::vector<std::string> commandLineOfThisProcess()
     }
     return arguments;
 }
-
-}  // namespace
 
 TEST(ProcessInfo, KeepsTheArgumentsHandedOver)
 {
@@ -73,3 +71,5 @@ TEST(ProcessInfo, ReadsItsOwnCommandLineWhenNeverHandedArguments)
         },
         testing::ExitedWithCode(0), "");
 }
+
+}  // namespace

@@ -10,9 +10,9 @@
 
 #include "tests/support/TempDir.h"
 
-using platform::PropertyList;
-
 namespace {
+
+using platform::PropertyList;
 
 // 2023-11-14 22:13:20 UTC
 constexpr double kSomeDate = 1700000000.0;
@@ -110,8 +110,6 @@ std::string xmlBytes(const PlistHandle& tree)
     plist_to_xml_free(bytes);
     return result;
 }
-
-}  // namespace
 
 TEST(PropertyListTest, TypedViewsAnswerOnlyTheirOwnType)
 {
@@ -348,3 +346,5 @@ TEST(PropertyListTest, WriteIntoAMissingFolderFails)
     EXPECT_FALSE(PropertyList::integer(5).writeToFile(dir.at("no/such/folder.plist"), false));
     EXPECT_FALSE(std::filesystem::exists(dir.at("no")));
 }
+
+}  // namespace

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-using platform::Scanner;
-
 namespace {
+
+using platform::Scanner;
 
 // Every line a scanner gives when reading up to "\n" until the end.
 std::vector<std::string> scanLines(const std::string& text)
@@ -23,8 +23,6 @@ std::vector<std::string> scanLines(const std::string& text)
     }
     return lines;
 }
-
-}  // namespace
 
 TEST(Scanner, TakesTextUpToTheStopString)
 {
@@ -156,3 +154,5 @@ TEST(Scanner, AcceptsANullResultPointer)
     ASSERT_TRUE(scanner.scanUpToString("\n", &taken));
     EXPECT_EQ(taken, "keep");
 }
+
+}  // namespace

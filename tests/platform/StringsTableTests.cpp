@@ -7,9 +7,9 @@
 
 #include "tests/support/TempDir.h"
 
-using platform::StringsTable;
-
 namespace {
+
+using platform::StringsTable;
 
 // The UTF-16 bytes of text, led by a byte-order mark.
 std::string utf16(const std::u16string& text, bool bigEndian)
@@ -28,8 +28,6 @@ std::string utf16(const std::u16string& text, bool bigEndian)
     }
     return out;
 }
-
-}  // namespace
 
 TEST(StringsTableTest, ParsesKeyValuePairs)
 {
@@ -233,3 +231,5 @@ TEST(StringsTableTest, MissingOrUnparsableFileGivesNone)
     EXPECT_FALSE(StringsTable::readFromFile(dir.at("bad.strings")).has_value());
     EXPECT_FALSE(StringsTable::readFromFile(dir.path()).has_value());
 }
+
+}  // namespace

@@ -14,12 +14,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace {
+
 using platform::Task;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 int exitStatusOf(const std::string& path, const std::vector<std::string>& arguments)
 {
@@ -51,8 +51,6 @@ bool runWithOutputTo(const std::string& path, Body body)
     int status = 0;
     return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
-
-}  // namespace
 
 TEST(Task, TrueExitsWithZero)
 {
@@ -155,3 +153,5 @@ TEST(Task, OutputPrintedBeforeTheLaunchComesBeforeTheChildsOutputInAFile)
     }));
     EXPECT_EQ(readFile(out), "before\nalso before\nchild\nafter\n");
 }
+
+}  // namespace

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+namespace {
+
 using platform::componentsSeparatedByString;
 using platform::containsString;
 using platform::dataUsingUTF8Encoding;
@@ -228,3 +230,5 @@ TEST(HexDigitValue, OtherBytesAreMinusOne)
     EXPECT_EQ(platform::hexDigitValue('%'), -1);
     EXPECT_EQ(platform::hexDigitValue('\0'), -1);
 }
+
+}  // namespace

@@ -14,13 +14,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+
 using platform::TreeRemover;
 using testsupport::makeDirectories;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 // Whether anything (also a dangling link) is at the path.
 bool present(const std::string& path)
@@ -128,8 +128,6 @@ private:
     std::string theName;
     bool thePinned = false;
 };
-
-}  // namespace
 
 TEST(TreeRemover, RemovesAFile)
 {
@@ -341,3 +339,5 @@ TEST(TreeRemover, RemovingAFolderLeavesNoDescriptorOpen)
     EXPECT_TRUE(TreeRemover().removePath(dir.at("item")));
     EXPECT_EQ(openDescriptorCount(), before);
 }
+
+}  // namespace

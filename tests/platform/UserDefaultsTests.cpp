@@ -10,13 +10,13 @@
 #include "platform/ProcessInfo.h"
 #include "platform/PropertyList.h"
 #include "platform/User.h"
-#include "tests/platform/RunCopyOfSelf.h"
+#include "tests/support/RunCopyOfSelf.h"
 #include "tests/support/TempDir.h"
+
+namespace {
 
 using platform::PropertyList;
 using platform::UserDefaults;
-
-namespace {
 
 constexpr const char* kChildVariable = "PLATFORM_TESTS_USER_DEFAULTS_CHILD";
 constexpr const char* kPreferencesVariable = "PLATFORM_TESTS_PREFERENCES";
@@ -39,7 +39,7 @@ void writeDomain(const std::string& path, PropertyList::Dictionary entries)
 // kChildVariable set.
 int runInAProcessOfItsOwn()
 {
-    return platformtests::runRunningTestIn(platformtests::runningExecutable(), {std::string(kChildVariable) + "=1"});
+    return testsupport::runRunningTestIn(testsupport::runningExecutable(), {std::string(kChildVariable) + "=1"});
 }
 
 // Every test reads its stored domains from a temporary folder of its own.
@@ -57,8 +57,6 @@ protected:
 
     testsupport::TempDir thePreferences;
 };
-
-}  // namespace
 
 TEST(UserDefaultsArguments, ParsesKeyValuePairs)
 {
@@ -93,7 +91,7 @@ TEST(UserDefaultsArguments, KeyGivenTwiceKeepsTheLaterValue)
 
 TEST(UserDefaultsArguments, ArgumentDomainComesFromProcessArgumentsAfterTheProgramName)
 {
-    if (platformtests::environmentValue(kChildVariable).empty()) {
+    if (testsupport::environmentValue(kChildVariable).empty()) {
         // In a process of its own, where nothing has set the argument domain.
         EXPECT_EQ(runInAProcessOfItsOwn(), 0);
         return;
@@ -106,7 +104,7 @@ TEST(UserDefaultsArguments, ArgumentDomainComesFromProcessArgumentsAfterTheProgr
 
 TEST(UserDefaultsArguments, SetArgumentDomainFromArgumentsReplacesTheProcessArguments)
 {
-    if (platformtests::environmentValue(kChildVariable).empty()) {
+    if (testsupport::environmentValue(kChildVariable).empty()) {
         EXPECT_EQ(runInAProcessOfItsOwn(), 0);
         return;
     }
@@ -217,7 +215,7 @@ TEST_F(UserDefaultsTest, PreferencesDirectoryIsInTheHomeLibraryUnlessSetForTesti
 // runs in a copy of the test executable inside an app with an identifier.
 TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlobalDomain)
 {
-    const std::string preferences = platformtests::environmentValue(kPreferencesVariable);
+    const std::string preferences = testsupport::environmentValue(kPreferencesVariable);
     if (!preferences.empty()) {
         auto& defaults = UserDefaults::standardUserDefaults();
         defaults.setPreferencesDirectoryForTesting(preferences);
@@ -236,7 +234,7 @@ TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlo
     info.emplace("CFBundleExecutable", PropertyList::string("probe"));
     testsupport::makeDirectories(app + "/Contents");
     writeDomain(app + "/Contents/Info.plist", info);
-    platformtests::copyRunningExecutable(app + "/Contents/MacOS/probe");
+    testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
 
     const std::string folder = dir.at("Preferences");
     testsupport::makeDirectories(folder);
@@ -247,7 +245,9 @@ TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlo
     writeDomain(folder + "/.GlobalPreferences.plist",
                 strings({{"Everywhere", "global"}, {"AppAndGlobal", "global"}, {"GlobalOnly", "global"}}));
 
-    EXPECT_EQ(platformtests::runRunningTestIn(app + "/Contents/MacOS/probe",
-                                              {std::string(kPreferencesVariable) + "=" + folder}),
+    EXPECT_EQ(testsupport::runRunningTestIn(app + "/Contents/MacOS/probe",
+                                            {std::string(kPreferencesVariable) + "=" + folder}),
               0);
 }
+
+}  // namespace

@@ -10,14 +10,14 @@
 #include <string>
 #include <vector>
 
+namespace {
+
 using platform::homeDirectory;
 using platform::homeDirectoryForUser;
 using platform::SearchPathDirectory;
 using platform::SearchPathDomainMask;
 using platform::searchPathForDirectoriesInDomains;
 using platform::userName;
-
-namespace {
 
 const passwd& effectiveUserEntry()
 {
@@ -27,8 +27,6 @@ const passwd& effectiveUserEntry()
     }
     return *entry;
 }
-
-}  // namespace
 
 TEST(User, NameIsThePasswordEntryName)
 {
@@ -82,3 +80,5 @@ TEST(User, OtherSearchPathsAreEmpty)
         searchPathForDirectoriesInDomains(SearchPathDirectory::Library, static_cast<SearchPathDomainMask>(8), true)
             .empty());
 }
+
+}  // namespace

@@ -15,14 +15,14 @@
 #include <unistd.h>
 #include <vector>
 
+namespace {
+
 using platform::Workspace;
 using platform::WorkspaceOperation;
 using testsupport::makeDirectories;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 bool present(const std::string& path)
 {
@@ -68,8 +68,6 @@ public:
     }
     std::string lastSource;
 };
-
-}  // namespace
 
 TEST(WorkspaceDestroy, DestroysAFile)
 {
@@ -377,3 +375,5 @@ TEST(SharedWorkspace, TestWorkspaceReplacesItUntilRestored)
     Workspace::setSharedWorkspaceForTesting(nullptr);
     EXPECT_EQ(&Workspace::sharedWorkspace(), &real);
 }
+
+}  // namespace

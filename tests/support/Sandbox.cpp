@@ -1,21 +1,13 @@
 #include "tests/support/Sandbox.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <poll.h>
-#include <spawn.h>
-#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <system_error>
-#include <unistd.h>
 
-extern char** environ;
+#include "tests/support/Lines.h"
 
 namespace testsupport {
 
@@ -23,23 +15,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kSandboxScript = std::string(REMOVER_DOUBLES_DIR) + "/sandbox.sh";
+const std::string kSandboxScript = REMOVER_SANDBOX_SCRIPT;
 const std::string kBuiltBundle = REMOVER_BUNDLE_PATH;
 const std::string kBuiltDoubles = std::string(REMOVER_TEST_BINARY_DIR) + "/doubles";
-
-// The mounts of the fixture: a path inside the sandbox and the folder of the
-// fixture root bound there.
-struct Mount {
-    const char* inside;
-    const char* fixture;
-};
-constexpr std::array<Mount, 4> kMounts{{
-    {"/Applications", "Applications"},
-    {"/Library", "Library"},
-    {"/root", "home"},
-    {"/var/db/doubles", "state"},
-}};
-constexpr std::array<Mount, 3> kTreeMounts{{kMounts[0], kMounts[1], kMounts[2]}};
 
 // The rest of `path` when it is `prefix` or lies below it, with its slash.
 bool remainderBelow(const std::string& path, const std::string& prefix, std::string& remainder)
@@ -67,15 +45,18 @@ void makeParents(const fs::path& path)
     }
 }
 
-std::vector<std::string> readLines(const std::string& path)
+// Runs the sandbox script; its own failures throw.
+RunResult runScript(const std::vector<std::string>& arguments)
 {
-    std::vector<std::string> lines;
-    std::istringstream in(readFile(path));
-    std::string line;
-    while (std::getline(in, line)) {
-        lines.push_back(line);
+    std::vector<std::string> command{"/bin/bash", kSandboxScript};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    RunResult result = runCommand(command);
+    // The script's own failures (a bad fixture or option) exit 125 before
+    // anything runs inside.
+    if (result.exitStatus == 125 && result.standardError.rfind("sandbox.sh: ", 0) == 0) {
+        throw std::runtime_error(result.standardError);
     }
-    return lines;
+    return result;
 }
 
 // A journal field with its escapes (\\, \t, \n, \r) undone.
@@ -112,119 +93,34 @@ char typeMark(fs::file_type type)
     }
 }
 
-class Pipe {
-public:
-    Pipe()
-    {
-        if (pipe2(theEnds.data(), O_CLOEXEC) != 0) {
-            throwErrno("pipe2");
-        }
-    }
-    ~Pipe()
-    {
-        closeRead();
-        closeWrite();
-    }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    int readEnd() const noexcept { return theEnds[0]; }
-    int writeEnd() const noexcept { return theEnds[1]; }
-    void closeRead() noexcept { closeEnd(0); }
-    void closeWrite() noexcept { closeEnd(1); }
-
-private:
-    void closeEnd(std::size_t which) noexcept
-    {
-        if (theEnds.at(which) >= 0) {
-            ::close(theEnds.at(which));
-            theEnds.at(which) = -1;
-        }
-    }
-    std::array<int, 2> theEnds{-1, -1};
-};
-
-// Reads both pipes to their ends, whichever has data first.
-void collect(Pipe& out, std::string& outText, Pipe& err, std::string& errText)
-{
-    std::array<pollfd, 2> fds{{{out.readEnd(), POLLIN, 0}, {err.readEnd(), POLLIN, 0}}};
-    std::array<std::string*, 2> texts{&outText, &errText};
-    std::array<char, 65536> buffer{};
-    int open = 2;
-    while (open > 0) {
-        if (poll(fds.data(), fds.size(), -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            throwErrno("poll");
-        }
-        for (std::size_t i = 0; i < fds.size(); ++i) {
-            if (fds.at(i).fd < 0 || fds.at(i).revents == 0) {
-                continue;
-            }
-            const ssize_t n = ::read(fds.at(i).fd, buffer.data(), buffer.size());
-            if (n > 0) {
-                texts.at(i)->append(buffer.data(), static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                fds.at(i).fd = -1;
-                --open;
-            }
-        }
-    }
-}
-
 }  // namespace
 
-RunResult runCommand(const std::vector<std::string>& command)
+const char* layoutName(Layout layout)
 {
-    if (command.empty()) {
-        throw std::invalid_argument("runCommand: no command");
-    }
-    std::vector<char*> argv;
-    argv.reserve(command.size() + 1);
-    for (const std::string& word : command) {
-        argv.push_back(const_cast<char*>(word.c_str()));
-    }
-    argv.push_back(nullptr);
-
-    Pipe out;
-    Pipe err;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, out.writeEnd(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err.writeEnd(), STDERR_FILENO);
-    pid_t pid = -1;
-    const int spawned = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        throw std::system_error(spawned, std::generic_category(), "cannot start " + command[0]);
-    }
-    out.closeWrite();
-    err.closeWrite();
-
-    RunResult result;
-    collect(out, result.standardOutput, err, result.standardError);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            throwErrno("waitpid");
-        }
-    }
-    if (WIFSIGNALED(status)) {
-        result.signaled = true;
-        result.signalNumber = WTERMSIG(status);
-        result.exitStatus = 128 + result.signalNumber;
-    } else {
-        result.exitStatus = WEXITSTATUS(status);
-    }
-    return result;
+    return layout == Layout::SingleDisk ? "SingleDisk" : "SeparateMounts";
 }
 
-Sandbox::Sandbox()
+void PrintTo(Layout layout, std::ostream* out)
 {
-    const RunResult init = runCommand({"/bin/bash", kSandboxScript, "init", root()});
+    *out << layoutName(layout);
+}
+
+Sandbox::Sandbox(Layout layout) : theLayout(layout)
+{
+    const RunResult init =
+        runScript({"init", "--layout", layout == Layout::SingleDisk ? "single-disk" : "separate", root()});
     if (init.exitStatus != 0) {
         throw std::runtime_error("cannot lay down the fixture: " + init.standardError);
+    }
+    const RunResult folders = runScript({"layout", root()});
+    for (const std::string& line : linesOf(folders.standardOutput)) {
+        const std::size_t first = line.find('\t');
+        const std::size_t second = line.rfind('\t');
+        if (first == std::string::npos || second == first) {
+            throw std::runtime_error("unexpected fixture layout line: " + line);
+        }
+        theFolders.push_back(
+            {line.substr(0, first), line.substr(first + 1, second - first - 1), line.substr(second + 1) == "listed"});
     }
 }
 
@@ -242,9 +138,9 @@ std::string Sandbox::hostPath(const std::string& path) const
         inside = kHomePath + inside.substr(1);
     }
     std::string remainder;
-    for (const Mount& mount : kMounts) {
-        if (remainderBelow(inside, mount.inside, remainder)) {
-            return root() + "/" + mount.fixture + remainder;
+    for (const Folder& folder : theFolders) {
+        if (remainderBelow(inside, folder.inside, remainder)) {
+            return folder.host + remainder;
         }
     }
     if (remainderBelow(inside, kBundlePath, remainder)) {
@@ -255,7 +151,6 @@ std::string Sandbox::hostPath(const std::string& path) const
     }
     throw std::invalid_argument("not a path inside the fixture: " + path);
 }
-
 void Sandbox::writeFile(const std::string& path, const std::string& contents, mode_t mode) const
 {
     const std::string host = hostPath(path);
@@ -301,12 +196,22 @@ std::string Sandbox::readFile(const std::string& path) const
 void Sandbox::makeReadOnly(const std::string& path)
 {
     std::string remainder;
-    const bool inTree = std::any_of(kTreeMounts.begin(), kTreeMounts.end(),
-                                    [&](const Mount& mount) { return remainderBelow(path, mount.inside, remainder); });
+    const bool inTree = std::any_of(theFolders.begin(), theFolders.end(), [&](const Folder& folder) {
+        return folder.listed && remainderBelow(path, folder.inside, remainder);
+    });
     if (!inTree || !exists(path)) {
         throw std::invalid_argument("nothing to make read-only at " + path);
     }
     theReadOnlyPaths.push_back(path);
+}
+
+void Sandbox::bindFolder(const std::string& source, const std::string& mountPoint)
+{
+    if (!fs::is_directory(hostPath(source))) {
+        throw std::invalid_argument("no folder to bind at " + source);
+    }
+    makeDirectory(mountPoint);
+    theBinds.emplace_back(source, mountPoint);
 }
 
 void Sandbox::useBundleCopy()
@@ -361,13 +266,13 @@ void Sandbox::addLoadedAgent(const std::string& plistPath) const
 
 std::vector<std::string> Sandbox::loadedAgents() const
 {
-    return readLines(hostPath(std::string(kStatePath) + "/launchd-loaded"));
+    return linesOf(testsupport::readFile(hostPath(std::string(kStatePath) + "/launchd-loaded")));
 }
 
 std::vector<JournalEntry> Sandbox::journal() const
 {
     std::vector<JournalEntry> entries;
-    for (const std::string& line : readLines(hostPath(std::string(kStatePath) + "/journal"))) {
+    for (const std::string& line : linesOf(testsupport::readFile(hostPath(std::string(kStatePath) + "/journal")))) {
         JournalEntry entry;
         std::size_t start = 0;
         for (;;) {
@@ -391,8 +296,11 @@ void Sandbox::clearJournal() const
 std::vector<std::string> Sandbox::tree(const std::string& under) const
 {
     std::vector<std::pair<std::string, std::string>> listing;
-    for (const Mount& mount : kTreeMounts) {
-        std::string top = mount.inside;
+    for (const Folder& folder : theFolders) {
+        if (!folder.listed) {
+            continue;
+        }
+        std::string top = folder.inside;
         std::string remainder;
         if (!under.empty() && !remainderBelow(under, top, remainder)) {
             continue;
@@ -423,23 +331,23 @@ std::vector<std::string> Sandbox::tree(const std::string& under) const
 
 RunResult Sandbox::run(const std::vector<std::string>& arguments, const Environment& environment) const
 {
-    return runSandboxed(nullptr, kRemoverPath, arguments, environment);
+    return runWith(kRemoverPath, arguments, {environment, std::nullopt, std::nullopt});
 }
 
 RunResult Sandbox::runProgram(const std::string& program, const std::vector<std::string>& arguments,
                               const Environment& environment) const
 {
-    return runSandboxed(nullptr, program, arguments, environment);
+    return runWith(program, arguments, {environment, std::nullopt, std::nullopt});
 }
 
 RunResult Sandbox::runProgramAs(User user, const std::string& program, const std::vector<std::string>& arguments,
                                 const Environment& environment) const
 {
-    return runSandboxed(&user, program, arguments, environment);
+    return runWith(program, arguments, {environment, user, std::nullopt});
 }
 
-RunResult Sandbox::runSandboxed(const User* user, const std::string& program, const std::vector<std::string>& arguments,
-                                const Environment& environment) const
+RunResult Sandbox::runWith(const std::string& program, const std::vector<std::string>& arguments,
+                           const RunOptions& options) const
 {
     std::vector<std::string> command{"/bin/bash", kSandboxScript, "run", "--bundle"};
     if (theBundleIsCopy) {
@@ -450,16 +358,22 @@ RunResult Sandbox::runSandboxed(const User* user, const std::string& program, co
     for (const std::string& path : theReadOnlyPaths) {
         command.insert(command.end(), {"--ro", path});
     }
-    for (const auto& [name, value] : environment) {
+    for (const auto& [source, mountPoint] : theBinds) {
+        command.insert(command.end(), {"--bind", source, mountPoint});
+    }
+    for (const auto& [name, value] : options.environment) {
         command.insert(command.end(), {"--setenv", name, value});
     }
-    if (user != nullptr) {
-        command.insert(command.end(), {"--user", std::to_string(user->uid) + ":" + std::to_string(user->gid)});
+    if (options.user) {
+        command.insert(command.end(),
+                       {"--user", std::to_string(options.user->uid) + ":" + std::to_string(options.user->gid)});
     }
     command.insert(command.end(), {"--", root(), program});
     command.insert(command.end(), arguments.begin(), arguments.end());
 
-    RunResult result = runCommand(command);
+    CommandOptions commandOptions;
+    commandOptions.input = options.input;
+    RunResult result = runCommand(command, commandOptions);
     // The script's own failures (a bad fixture or option) exit 125 before
     // anything runs inside.
     if (result.exitStatus == 125 && result.standardError.rfind("sandbox.sh: ", 0) == 0) {

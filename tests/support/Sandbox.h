@@ -1,7 +1,8 @@
 // A fixture root and a runner for end-to-end tests.
 //
-// Programs run inside a bubblewrap sandbox (tests/doubles/sandbox.sh, which
-// the demo and the benchmarks use too) where
+// Programs run inside a bubblewrap sandbox (tests/sandbox/sandbox.sh, which
+// the demo and the benchmarks use too, and which alone knows where each
+// folder lies in the fixture) where
 //   /Applications, /Library   are the fixture's own folders,
 //   /root                     is the fixture's home folder (the tests run as
 //                             root, and the password database names /root),
@@ -11,31 +12,25 @@
 //                             and loaded agents,
 //   /opt/RemoverTool.app      is the built bundle, read-only, or the fixture's
 //                             own copy of it after useBundleCopy().
+// In the separate layout each of /Applications, /Library and /root is a mount
+// of its own and /tmp is a fresh tmpfs; in the single-disk layout they are
+// plain folders of one fixture folder bound as "/", /tmp included.
 // Paths given to the fixture functions are paths as a program inside sees
 // them ("/Library/Preferences/x.plist", "/root/Library/...", or "~/..." for
-// the home folder).
+// the home folder); they work the same in both layouts.
 #pragma once
 
+#include <optional>
+#include <ostream>
 #include <string>
 #include <sys/types.h>
 #include <utility>
 #include <vector>
 
+#include "tests/support/Subprocess.h"
 #include "tests/support/TempDir.h"
 
 namespace testsupport {
-
-struct RunResult {
-    // The program's exit status as the sandbox reports it: 128 + N when
-    // signal N ended the program.
-    int exitStatus = -1;
-    // True when a signal ended the program (read from an exit status above
-    // 128, which is how the sandbox passes a signal on).
-    bool signaled = false;
-    int signalNumber = 0;
-    std::string standardOutput;
-    std::string standardError;
-};
 
 // Variables set inside the sandbox on top of its clean defaults
 // (PATH=/usr/bin:/bin, HOME=/root, USER=LOGNAME=root, LANG=C.UTF-8).
@@ -52,6 +47,26 @@ struct User {
     gid_t gid;
 };
 
+// Where a run's file system comes from.
+enum class Layout {
+    // /Applications, /Library and /root each bound from a fixture folder.
+    SeparateMounts,
+    // One fixture folder bound as "/", holding all of them.
+    SingleDisk,
+};
+// "SeparateMounts" / "SingleDisk", for test names.
+const char* layoutName(Layout layout);
+void PrintTo(Layout layout, std::ostream* out);
+
+// How runWith() starts a program.
+struct RunOptions {
+    Environment environment;
+    // Another user to run as; root without one.
+    std::optional<User> user;
+    // What the program reads on its standard input; /dev/null without it.
+    std::optional<std::string> input;
+};
+
 class Sandbox {
 public:
     static constexpr const char* kBundlePath = "/opt/RemoverTool.app";
@@ -62,16 +77,18 @@ public:
 
     // An empty fixture: empty Applications, Library and home folders, no
     // receipts, no loaded agents, an empty journal.
-    Sandbox();
+    explicit Sandbox(Layout layout = Layout::SeparateMounts);
     ~Sandbox();
     Sandbox(const Sandbox&) = delete;
     Sandbox& operator=(const Sandbox&) = delete;
 
+    Layout layout() const noexcept { return theLayout; }
     // The fixture root on this machine.
     const std::string& root() const noexcept { return theRoot.path(); }
     // Where a path inside the sandbox lies on this machine. Throws
-    // std::invalid_argument for a path outside /Applications, /Library,
-    // /root, /var/db/doubles, and /opt/RemoverTool.app while it is not a copy.
+    // std::invalid_argument for a path outside the fixture's folders
+    // (/Applications, /Library, /root, /var/db/doubles; /tmp too in the
+    // single-disk layout) and /opt/RemoverTool.app while it is not a copy.
     std::string hostPath(const std::string& path) const;
 
     // Fixture contents; parent folders are created as needed (mode 0755).
@@ -85,6 +102,11 @@ public:
     // Binds the path (which must exist) read-only in later runs: nothing in
     // it can be changed, and the path itself cannot be removed.
     void makeReadOnly(const std::string& path);
+    // Binds the fixture folder source (which must exist) at mountPoint in
+    // later runs, creating mountPoint: a mount of its own on the disk of the
+    // fixture. tree() and the other fixture functions see mountPoint as the
+    // empty folder it is outside the sandbox.
+    void bindFolder(const std::string& source, const std::string& mountPoint);
 
     // Copies the built bundle into the fixture; later runs bind the copy at
     // /opt/RemoverTool.app, and the fixture functions may change it.
@@ -120,20 +142,26 @@ public:
     // user's home is what the password database says, not the fixture's.
     RunResult runProgramAs(User user, const std::string& program, const std::vector<std::string>& arguments,
                            const Environment& environment = {}) const;
+    // Runs any program by its path inside the sandbox, as options say.
+    RunResult runWith(const std::string& program, const std::vector<std::string>& arguments,
+                      const RunOptions& options) const;
 
 private:
-    RunResult runSandboxed(const User* user, const std::string& program, const std::vector<std::string>& arguments,
-                           const Environment& environment) const;
+    // A folder a program inside sees, and where it lies in the fixture.
+    struct Folder {
+        std::string inside;
+        std::string host;
+        bool listed;  // by tree()
+    };
+
     std::string bundleCopyPath() const;
 
+    Layout theLayout;
     TempDir theRoot;
+    std::vector<Folder> theFolders;
     bool theBundleIsCopy = false;
     std::vector<std::string> theReadOnlyPaths;
+    std::vector<std::pair<std::string, std::string>> theBinds;
 };
-
-// Runs a command on this machine (not sandboxed; a program name without a
-// slash is looked for in PATH) with standard input from /dev/null, and
-// collects its output. Throws std::system_error when it cannot be started.
-RunResult runCommand(const std::vector<std::string>& command);
 
 }  // namespace testsupport

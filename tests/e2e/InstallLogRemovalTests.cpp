@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "tests/e2e/RemoverFixture.h"
-
-using namespace remover_e2e;
-using testsupport::RunResult;
-using testsupport::Sandbox;
+#include "tests/support/RemoverFixture.h"
 
 namespace {
+
+using namespace testsupport;
+using testsupport::RunResult;
+using testsupport::Sandbox;
 
 // The default installation with the product log holding listText.
 class InstallLogTest : public testing::Test {
@@ -34,8 +34,6 @@ protected:
 
 const std::string kEscapedDefaultApp =
     "file://localhost/Applications/Corvane%20Lumidoc%20X%20Pro/Corvane%20Lumidoc%20Pro.app/";
-
-}  // namespace
 
 TEST_F(InstallLogTest, EmptyListPrintsNothingForEntries)
 {
@@ -229,3 +227,5 @@ TEST_F(InstallLogTest, PreferenceEscapesThatAreNotUtf8KeepThePlugin)
     EXPECT_EQ(result.standardOutput, afterLog());
     EXPECT_TRUE(sandbox.exists(kPlugin));
 }
+
+}  // namespace

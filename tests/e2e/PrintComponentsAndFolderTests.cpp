@@ -5,25 +5,25 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/RemoverFixture.h"
+#include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
 
-using remover_e2e::agentPlistPath;
-using remover_e2e::describe;
-using remover_e2e::installApp;
-using remover_e2e::installVersionedBundle;
-using remover_e2e::kAutomatorAction;
-using remover_e2e::kCouldNotRemove;
-using remover_e2e::kDefaultApp;
-using remover_e2e::kDefaultFolder;
-using remover_e2e::kNotFound;
-using remover_e2e::kPdfServicesApp;
-using remover_e2e::kRemoved;
-using remover_e2e::line;
-using remover_e2e::quietRunTail;
-using remover_e2e::QuietRunTail;
+using testsupport::agentPlistPath;
+using testsupport::describe;
+using testsupport::installApp;
+using testsupport::installVersionedBundle;
+using testsupport::kAutomatorAction;
+using testsupport::kCouldNotRemove;
+using testsupport::kDefaultApp;
+using testsupport::kDefaultFolder;
+using testsupport::kNotFound;
+using testsupport::kPdfServicesApp;
+using testsupport::kRemoved;
+using testsupport::line;
+using testsupport::quietRunTail;
+using testsupport::QuietRunTail;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 

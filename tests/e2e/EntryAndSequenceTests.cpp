@@ -2,13 +2,13 @@
 #include <gtest/gtest.h>
 #include <string>
 
-#include "tests/e2e/RemoverFixture.h"
-
-using namespace remover_e2e;
-using testsupport::RunResult;
-using testsupport::Sandbox;
+#include "tests/support/RemoverFixture.h"
 
 namespace {
+
+using namespace testsupport;
+using testsupport::RunResult;
+using testsupport::Sandbox;
 
 const std::string kWarning = "RemoverTool:WARNING: Application path parameter not passed. Using default value "
                              "[/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app].\n";
@@ -18,8 +18,6 @@ std::string quietRun(const std::string& appPath, bool defaultFolder)
     const QuietRunTail tail = quietRunTail(appPath);
     return tail.agent + tail.manager + tail.fileList + tail.components + (defaultFolder ? tail.folder : "");
 }
-
-}  // namespace
 
 TEST(RemoverEntry, NoArgumentsWarnFirstAndUseTheDefaultPath)
 {
@@ -152,3 +150,5 @@ TEST(RemoverSequence, ExitStatusIsZeroWhenItemsFail)
                                          quietRun(kDefaultApp, true));
     EXPECT_TRUE(sandbox.exists("/Library/Locked/file"));
 }
+
+}  // namespace

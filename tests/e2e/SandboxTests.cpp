@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <map>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -13,6 +15,7 @@
 namespace {
 
 using testsupport::JournalEntry;
+using testsupport::Layout;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 
@@ -307,6 +310,87 @@ TEST(SandboxTest, CommandOnThisMachineIsFoundByNameInPath)
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(result.standardOutput, "a b|c|");
 }
+
+// The mounts a program inside sees: mount point -> device ("major:minor"),
+// read from /proc/self/mountinfo inside the sandbox.
+std::map<std::string, std::string> mountsInside(const Sandbox& sandbox)
+{
+    const RunResult result = sandbox.runProgram("/usr/bin/cat", {"/proc/self/mountinfo"});
+    EXPECT_EQ(result.exitStatus, 0) << describe(result);
+    std::map<std::string, std::string> mounts;
+    std::istringstream lines(result.standardOutput);
+    std::string line;
+    while (std::getline(lines, line)) {
+        // ID PARENT MAJOR:MINOR ROOT MOUNT-POINT ...
+        std::istringstream fields(line);
+        std::string id;
+        std::string parent;
+        std::string device;
+        std::string root;
+        std::string mountPoint;
+        fields >> id >> parent >> device >> root >> mountPoint;
+        mounts[mountPoint] = device;
+    }
+    return mounts;
+}
+
+TEST(SandboxTest, SeparateLayoutMountsApplicationsLibraryHomeAndTmpEachOnItsOwn)
+{
+    const Sandbox sandbox(Layout::SeparateMounts);
+
+    const std::map<std::string, std::string> mounts = mountsInside(sandbox);
+
+    for (const char* path : {"/Applications", "/Library", "/root", "/tmp"}) {
+        EXPECT_EQ(mounts.count(path), 1U) << path;
+    }
+}
+
+TEST(SandboxTest, SingleDiskLayoutHasApplicationsLibraryHomeAndTmpOnTheRootMount)
+{
+    Sandbox sandbox(Layout::SingleDisk);
+    sandbox.makeDirectory("/root/elsewhere");
+    sandbox.writeFile("/root/elsewhere/file", "x");
+    sandbox.bindFolder("/root/elsewhere", "/Library/X/mnt");
+
+    const std::map<std::string, std::string> mounts = mountsInside(sandbox);
+
+    ASSERT_EQ(mounts.count("/"), 1U);
+    for (const char* path : {"/Applications", "/Library", "/root", "/tmp"}) {
+        EXPECT_EQ(mounts.count(path), 0U) << path;
+    }
+    // The bind is a mount of its own, on the same device as "/".
+    ASSERT_EQ(mounts.count("/Library/X/mnt"), 1U);
+    EXPECT_EQ(mounts.at("/Library/X/mnt"), mounts.at("/"));
+    const RunResult seen = sandbox.runProgram("/usr/bin/cat", {"/Library/X/mnt/file"});
+    EXPECT_EQ(seen.standardOutput, "x") << describe(seen);
+}
+
+class SandboxLayoutTest : public testing::TestWithParam<Layout> {};
+
+TEST_P(SandboxLayoutTest, FixtureFunctionsSeeWhatAProgramInsideDid)
+{
+    const Sandbox sandbox(GetParam());
+    ASSERT_EQ(sandbox.layout(), GetParam());
+    sandbox.writeFile("/Library/In", "in");
+    sandbox.writeFile("~/Home", "home");
+    sandbox.addReceipt("com.corvane.a");
+
+    const RunResult result =
+        shell(sandbox, "cat /Library/In /root/Home > /Applications/Out && rm /root/Home && "
+                       "/usr/sbin/pkgutil --forget com.corvane.a >/dev/null && echo tmp > /tmp/t && cat /tmp/t");
+
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    EXPECT_EQ(result.standardOutput, "tmp\n");
+    EXPECT_EQ(sandbox.readFile("/Applications/Out"), "inhome");
+    EXPECT_EQ(sandbox.tree(), (std::vector<std::string>{"f /Applications/Out", "f /Library/In"}));
+    EXPECT_EQ(sandbox.receipts(), std::vector<std::string>{});
+    EXPECT_EQ(sandbox.journal(), (std::vector<JournalEntry>{{"pkgutil", "--forget", "com.corvane.a"}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(SandboxTest, SandboxLayoutTest, testing::Values(Layout::SeparateMounts, Layout::SingleDisk),
+                         [](const testing::TestParamInfo<Layout>& info) {
+                             return testsupport::layoutName(info.param);
+                         });
 
 // The library doubles are loaded into this test process directly, writing
 // their journal into the fixture's state folder.

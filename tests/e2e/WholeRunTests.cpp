@@ -5,14 +5,15 @@
 #include <string>
 #include <vector>
 
-#include "tests/e2e/RemoverFixture.h"
+#include "tests/support/OpensslDigests.h"
+#include "tests/support/RemoverFixture.h"
 
-using namespace remover_e2e;
+namespace {
+
+using namespace testsupport;
 using testsupport::JournalEntry;
 using testsupport::RunResult;
 using testsupport::Sandbox;
-
-namespace {
 
 const std::string kHelperExecutable = std::string(kDefaultApp) +
                                       "/Contents/MacOS/Updater/Corvane Lumidoc Pro Updater Helper.app/Contents/MacOS/"
@@ -53,7 +54,8 @@ void layDownCompleteInstallation(Sandbox& sandbox)
     sandbox.writeFile(kCompanionLog, kCompanionApp + "\n/Library/Application Support/Corvane/Ravelin\n");
 
     const std::string agent = agentPlistPath(kDefaultApp);
-    writeAgent(sandbox, agent, "com.corvane.QEL." + sha224Hex(kDefaultApp), {kHelperExecutable});
+    writeAgent(sandbox, agent, "com.corvane.QEL." + testsupport::opensslDigestOf("sha224", kDefaultApp),
+               {kHelperExecutable});
     sandbox.addLoadedAgent(agent);
 
     sandbox.writeFile(kJexRef, "reference");
@@ -67,8 +69,6 @@ void layDownCompleteInstallation(Sandbox& sandbox)
     installVersionedBundle(sandbox, kAutomatorAction, "10.0.1");
     installVersionedBundle(sandbox, kPdfServicesApp, "10.2");
 }
-
-}  // namespace
 
 TEST(WholeRun, CompleteInstallationIsRemovedStepByStep)
 {
@@ -152,3 +152,5 @@ TEST(WholeRun, SecondRunOverTheRemainsFindsNothingLeftToRemove)
                                         line(kNotFound, kDefaultApp) + line(kNotFound, kAutomatorAction) +
                                         line(kNotFound, kPdfServicesApp) + line(kNotFound, kDefaultFolder));
 }
+
+}  // namespace

@@ -9,7 +9,7 @@
 
 #include "tests/support/Sandbox.h"
 
-namespace remover_e2e {
+namespace testsupport {
 
 inline constexpr char kDefaultApp[] = "/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app";
 inline constexpr char kDefaultFolder[] = "/Applications/Corvane Lumidoc X Pro";
@@ -41,7 +41,6 @@ std::string line(const std::string& word, const std::string& subject);
 // "/root/Library/LaunchAgents/com.corvane.QEL.<sha224 of appPath>.plist",
 // the digest taken from openssl.
 std::string agentPlistPath(const std::string& appPath);
-std::string sha224Hex(const std::string& text);
 
 // An application bundle at appPath with the identifier and version.
 void installApp(const testsupport::Sandbox& sandbox, const std::string& appPath,
@@ -68,4 +67,4 @@ QuietRunTail quietRunTail(const std::string& appPath);
 
 std::string describe(const testsupport::RunResult& result);
 
-}  // namespace remover_e2e
+}  // namespace testsupport

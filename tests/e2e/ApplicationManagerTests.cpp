@@ -6,18 +6,18 @@
 #include <utility>
 #include <vector>
 
-#include "tests/e2e/RemoverFixture.h"
+#include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
 
-using remover_e2e::describe;
-using remover_e2e::installApp;
-using remover_e2e::kDefaultApp;
-using remover_e2e::kJexRef;
-using remover_e2e::quietRunTail;
-using remover_e2e::QuietRunTail;
+using testsupport::describe;
+using testsupport::installApp;
 using testsupport::JournalEntry;
+using testsupport::kDefaultApp;
+using testsupport::kJexRef;
+using testsupport::quietRunTail;
+using testsupport::QuietRunTail;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 
@@ -137,7 +137,7 @@ TEST(ApplicationManagerTest, FileThatIsNotALibraryIsReportedAsANullHandle)
     Sandbox sandbox;
     installApp(sandbox, kDefaultApp);
     sandbox.useBundleCopy();
-    sandbox.writeFile(remover_e2e::kLibraryInBundle, "not a shared library\n");
+    sandbox.writeFile(testsupport::kLibraryInBundle, "not a shared library\n");
 
     const RunResult result = sandbox.run({"x", kDefaultApp});
 

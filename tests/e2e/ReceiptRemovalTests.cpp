@@ -8,20 +8,20 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "tests/e2e/RemoverFixture.h"
+#include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TempDir.h"
 
 namespace {
 
-using remover_e2e::agentPlistPath;
-using remover_e2e::describe;
-using remover_e2e::kCouldNotRemove;
-using remover_e2e::kDefaultApp;
-using remover_e2e::kNotFound;
-using remover_e2e::line;
-using remover_e2e::quietRunTail;
+using testsupport::agentPlistPath;
+using testsupport::describe;
 using testsupport::JournalEntry;
+using testsupport::kCouldNotRemove;
+using testsupport::kDefaultApp;
+using testsupport::kNotFound;
+using testsupport::line;
+using testsupport::quietRunTail;
 using testsupport::RunResult;
 using testsupport::Sandbox;
 
@@ -98,7 +98,7 @@ std::string sbinPath(const Sandbox& sandbox, const std::string& name)
 TEST(ReceiptRemovalTest, TenPackageToolRunsForgetTheApplicationPackageThenTheNineOthersInOrder)
 {
     Sandbox sandbox;
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
 
     const RunResult result = sandbox.run({"x", kDefaultApp});
 
@@ -109,7 +109,7 @@ TEST(ReceiptRemovalTest, TenPackageToolRunsForgetTheApplicationPackageThenTheNin
 TEST(ReceiptRemovalTest, EachPackageToolRunEndsBeforeTheNextStartsAndBeforeTheSequenceGoesOn)
 {
     Sandbox sandbox;
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
     sandbox.addReceipt("com.corvane.lumidoc.a10.LumidocSecUpd1003");
     // A slow package tool that marks its start and its end in the journal.
     std::filesystem::rename(sbinPath(sandbox, "pkgutil"), sbinPath(sandbox, "pkgutil-double"));
@@ -133,7 +133,7 @@ TEST(ReceiptRemovalTest, EachPackageToolRunEndsBeforeTheNextStartsAndBeforeTheSe
     }
     EXPECT_EQ(sandbox.journal(), expected);
     // The last run's report comes before the lines of the bundle's own list.
-    const remover_e2e::QuietRunTail tail = quietRunTail(kDefaultApp);
+    const testsupport::QuietRunTail tail = quietRunTail(kDefaultApp);
     EXPECT_EQ(result.standardOutput, tail.agent + tail.manager +
                                          forgot("com.corvane.lumidoc.a10.LumidocSecUpd1003", "/") + tail.fileList +
                                          tail.components + tail.folder);
@@ -143,7 +143,7 @@ TEST(ReceiptRemovalTest, AppOnTheStartupVolumeHasItsPackageForgottenOnSlash)
 {
     Sandbox sandbox;
     const std::string app = "/Applications/Tools/Corvane Lumidoc Pro.app";
-    remover_e2e::installApp(sandbox, app);
+    testsupport::installApp(sandbox, app);
 
     const RunResult result = sandbox.run({"x", app});
 
@@ -211,13 +211,13 @@ TEST(ReceiptRemovalTest, RelativePathStartingWithVolumesIsOnTheStartupVolume)
 TEST(ReceiptRemovalTest, MissingReceiptsPrintNothingOfTheRemoversOwnAndEveryLaterRunAndStepFollows)
 {
     Sandbox sandbox;
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
 
     const RunResult result = sandbox.run({"x", kDefaultApp});
 
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     EXPECT_EQ(packageToolJournal(sandbox), packageToolRuns("/"));
-    const remover_e2e::QuietRunTail tail = quietRunTail(kDefaultApp);
+    const testsupport::QuietRunTail tail = quietRunTail(kDefaultApp);
     EXPECT_EQ(result.standardOutput, tail.agent + tail.manager + tail.fileList + tail.components + tail.folder);
     // The tool's complaints go to the standard error it shares with the
     // remover, the first and the last alike.
@@ -232,7 +232,7 @@ TEST(ReceiptRemovalTest, MissingReceiptsPrintNothingOfTheRemoversOwnAndEveryLate
 TEST(ReceiptRemovalTest, ReceiptsMatchingThePatternsAsRegularExpressionsAreForgottenAndOthersSurvive)
 {
     Sandbox sandbox;
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
     // Forgotten: the trailing "*" repeats the last character any number of
     // times, none included, and every "." matches any character.
     const std::vector<std::string> forgotten{
@@ -270,7 +270,7 @@ TEST(ReceiptRemovalTest, ReceiptsMatchingThePatternsAsRegularExpressionsAreForgo
     EXPECT_EQ(sandbox.receipts(), unrelated);
     // The tool's reports land between the remover's lines, run by run (no
     // receipt for the PDF Services package: that run reports nothing).
-    const remover_e2e::QuietRunTail tail = quietRunTail(kDefaultApp);
+    const testsupport::QuietRunTail tail = quietRunTail(kDefaultApp);
     EXPECT_EQ(result.standardOutput,
               tail.agent + tail.manager +                                             //
                   forgot("com.corvane.lumidoc.10.viewer.app.pk", "/") +               //
@@ -312,7 +312,7 @@ TEST(ReceiptRemovalTest, AppOnAnotherVolumeLeavesTheFurtherPackagesReceiptsOnTha
 TEST(ReceiptRemovalTest, AppPathWithoutASlashEndsTheRunAbnormallyAfterTheLinesBeforeTheReceipts)
 {
     Sandbox sandbox;
-    remover_e2e::installVersionedBundle(sandbox, remover_e2e::kAutomatorAction, "10.0.3");
+    testsupport::installVersionedBundle(sandbox, testsupport::kAutomatorAction, "10.0.3");
 
     const RunResult result = sandbox.run({"x", "App.app"});
 
@@ -322,7 +322,7 @@ TEST(ReceiptRemovalTest, AppPathWithoutASlashEndsTheRunAbnormallyAfterTheLinesBe
     // Everything printed before is there; nothing of the later steps is.
     EXPECT_EQ(result.standardOutput, linesBeforeReceiptsForMissingApp("/App.app"));
     EXPECT_TRUE(packageToolJournal(sandbox).empty());
-    EXPECT_TRUE(sandbox.exists(std::string(remover_e2e::kAutomatorAction) + "/Contents/Info.plist"));
+    EXPECT_TRUE(sandbox.exists(std::string(testsupport::kAutomatorAction) + "/Contents/Info.plist"));
 }
 
 TEST(ReceiptRemovalTest, AppPathEndingAtVolumesEndsTheRunAbnormallyAfterTheLinesBeforeTheReceipts)
@@ -340,7 +340,7 @@ TEST(ReceiptRemovalTest, AppPathEndingAtVolumesEndsTheRunAbnormallyAfterTheLines
 TEST(ReceiptRemovalTest, PackageToolThatCannotBeStartedEndsTheRunAbnormallyAfterTheLinesBeforeIt)
 {
     Sandbox sandbox;
-    remover_e2e::installApp(sandbox, kDefaultApp);
+    testsupport::installApp(sandbox, kDefaultApp);
     // Executable, but its interpreter does not exist: starting it fails.
     testsupport::writeFile(sbinPath(sandbox, "pkgutil"), "#!/nonexistent/interpreter\n");
     ASSERT_EQ(::chmod(sbinPath(sandbox, "pkgutil").c_str(), 0755), 0);
@@ -350,7 +350,7 @@ TEST(ReceiptRemovalTest, PackageToolThatCannotBeStartedEndsTheRunAbnormallyAfter
     EXPECT_TRUE(result.signaled) << describe(result);
     EXPECT_EQ(result.signalNumber, kSigabrt);
     EXPECT_EQ(result.exitStatus, 128 + kSigabrt);
-    const remover_e2e::QuietRunTail tail = quietRunTail(kDefaultApp);
+    const testsupport::QuietRunTail tail = quietRunTail(kDefaultApp);
     EXPECT_EQ(result.standardOutput, tail.agent + tail.manager);
     // The bundle's own list never ran: the application is still there.
     EXPECT_TRUE(sandbox.exists(std::string(kDefaultApp) + "/Contents/Info.plist"));

@@ -1,0 +1,35 @@
+#include "tests/support/Settings.h"
+
+#include <any>
+#include <gtest/gtest.h>
+
+#include "base/QELBaseConstants.h"
+#include "platform/Error.h"
+#include "platform/Exception.h"
+#include "platform/UserDefaults.h"
+
+namespace testsupport {
+
+void useCommandLineSettings(const std::vector<std::string>& arguments)
+{
+    platform::UserDefaults::standardUserDefaults().setArgumentDomainFromArguments(arguments);
+}
+
+int32_t fatalErrorCodeRaisedBy(const std::function<void()>& fn)
+{
+    try {
+        fn();
+    } catch (const platform::Exception& exception) {
+        EXPECT_EQ(exception.name(), QEL_FATAL_EXCEPTION_NAME);
+        const auto found = exception.userInfo().find(QEL_ERROR_KEY);
+        if (found == exception.userInfo().end()) {
+            return 0;
+        }
+        const auto* error = std::any_cast<platform::Error>(&found->second);
+        return error != nullptr ? error->code() : 0;
+    }
+    ADD_FAILURE() << "nothing was raised";
+    return 0;
+}
+
+}  // namespace testsupport
