@@ -82,3 +82,14 @@ TEST(User, OtherSearchPathsAreEmpty)
         searchPathForDirectoriesInDomains(SearchPathDirectory::Library, static_cast<SearchPathDomainMask>(8), true)
             .empty());
 }
+
+namespace {
+
+TEST(UserAccountName, IsThePasswordDatabaseNameOfTheId)
+{
+    EXPECT_EQ(platform::accountNameForUserID(0), "root");
+    EXPECT_EQ(platform::accountNameForUserID(65534), "nobody");
+    EXPECT_EQ(platform::accountNameForUserID(3999999), std::nullopt);
+}
+
+}  // namespace
