@@ -19,7 +19,8 @@ namespace platform {
 /// @endcode
 std::string lastPathComponent(std::string_view path);
 
-/// The path less its last component; repeated slashes collapse.
+/// The path less its last component and the slashes before it. Repeated
+/// slashes inside what is left stay as written.
 /// @code
 ///   deletingLastPathComponent("/tmp/scratch.tiff")  == "/tmp"
 ///   deletingLastPathComponent("/tmp/lock/")         == "/tmp"
@@ -27,7 +28,8 @@ std::string lastPathComponent(std::string_view path);
 ///   deletingLastPathComponent("/tmp")               == "/"
 ///   deletingLastPathComponent("/")                  == "/"
 ///   deletingLastPathComponent("scratch.tiff")       == ""
-///   deletingLastPathComponent("/a//b/c")            == "/a/b"
+///   deletingLastPathComponent("/tmp//scratch")      == "/tmp"
+///   deletingLastPathComponent("/a//b/c")            == "/a//b"
 /// @endcode
 std::string deletingLastPathComponent(std::string_view path);
 
