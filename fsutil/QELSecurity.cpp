@@ -1,37 +1,36 @@
 #include "fsutil/QELSecurity.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "fsutil/QELUHash.h"
 #include "fsutil/Sha256.h"
+#include "platform/PosixIO.h"
+
+namespace posix = platform::posix;
 
 std::string QELSecurity::hashForFile(const std::string& path, int32_t* status)
 {
     int32_t result = kHashOK;
     unsigned char digest[SHA256_DIGEST_SIZE] = {};
 
-    const int fd = open(path.c_str(), O_RDONLY);
-    if (fd < 0) {
+    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY);
+    if (!fd.valid()) {
         result = kHashCannotOpen;
     } else {
         struct stat info {};
-        if (fstat(fd, &info) != 0) {
+        if (posix::statDescriptor(fd.get(), info)) {
             result = kHashCannotStat;
         } else {
             // A zero length (an empty file) makes the mapping fail.
             const auto length = static_cast<uint32_t>(info.st_size);
-            void* const mapped = mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
-            if (mapped == nullptr || mapped == MAP_FAILED) {
+            const posix::UniqueMapping mapping = posix::UniqueMapping::mapReadOnly(fd.get(), length);
+            if (!mapping.valid()) {
                 result = kHashCannotMap;
             } else {
-                sha256(static_cast<const unsigned char*>(mapped), length, digest);
-                munmap(mapped, length);
+                sha256(mapping.data(), length, digest);
             }
         }
-        close(fd);
     }
 
     if (status != nullptr) {

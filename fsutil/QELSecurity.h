@@ -1,6 +1,5 @@
-// Whether a file or directory may be trusted by the current user, and the
-// file hash check. Class operations only: there are no instances and no
-// state.
+// The file hash check: a file's SHA-256 digest, and whether it equals an
+// expected one. Class operations only: there are no instances and no state.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +19,8 @@ public:
     static constexpr int32_t kHashCannotMap = 4;  // also for an empty file
 
     // The SHA-256 digest of the file as 64 lower-case hex digits, computed
-    // over one read-only private mapping of the file. The length is the file
+    // over one read-only private mapping of the file (open, fstat, mmap,
+    // munmap, close; the descriptor is close-on-exec). The length is the file
     // size taken as an unsigned 32-bit value. status (when given) is set to
     // kHashOK, or to 2, 3 or 4 on failure; the text is then 64 zeros. Never
     // raises for I/O failures.

@@ -2,11 +2,11 @@
 
 #include <map>
 #include <mutex>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
+#include "platform/FileManager.h"
 #include "platform/Path.h"
 #include "platform/StringsTable.h"
 
@@ -16,14 +16,13 @@ namespace {
 
 bool isDirectory(const std::string& path)
 {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    bool directory = false;
+    return FileManager::defaultManager().fileExistsAtPath(path, &directory) && directory;
 }
 
 bool exists(const std::string& path)
 {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0;
+    return FileManager::defaultManager().fileExistsAtPath(path);
 }
 
 std::optional<std::string> runningExecutablePath()

@@ -1,10 +1,10 @@
 #include "platform/ConsoleLog.h"
 
+#include "platform/PosixIO.h"
 #include "platform/ProcessInfo.h"
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -34,20 +34,10 @@ ConsoleLog::Sink currentSink()
 }
 
 // Writes the whole text to standard error; a line shorter than the pipe and
-// file limits arrives in one piece.
+// file limits arrives in one piece. A failure to write the log is dropped.
 void writeToStandardError(const std::string& text)
 {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t result = ::write(STDERR_FILENO, text.data() + written, text.size() - written);
-        if (result < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        written += static_cast<std::size_t>(result);
-    }
+    static_cast<void>(posix::writeAll(STDERR_FILENO, text));
 }
 
 }  // namespace

@@ -1,14 +1,16 @@
 #include "platform/FileManager.h"
 
+#include "platform/PosixIO.h"
 #include "platform/TreeRemover.h"
+#include "platform/User.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <pwd.h>
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -33,24 +35,24 @@ FileType fileTypeOf(mode_t mode)
     }
 }
 
-std::optional<std::string> accountNameOf(uid_t uid)
+// Sets *error (when asked for) and gives the result of the operation.
+bool report(std::error_code* error, std::error_code reason)
 {
-    long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::size_t size = suggested > 0 ? static_cast<std::size_t>(suggested) : 1024;
-    for (;;) {
-        std::vector<char> buffer(size);
-        struct passwd entry {};
-        struct passwd* found = nullptr;
-        const int status = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-        if (status == ERANGE && size < (std::size_t{1} << 20)) {
-            size *= 2;
-            continue;
-        }
-        if (status != 0 || found == nullptr || found->pw_name == nullptr) {
-            return std::nullopt;
-        }
-        return std::string(found->pw_name);
+    if (error != nullptr) {
+        *error = reason;
     }
+    return !reason;
+}
+
+std::error_code emptyPathError()
+{
+    return std::make_error_code(std::errc::no_such_file_or_directory);
+}
+
+// The result of a system call that answers 0 on success.
+std::error_code resultOf(int status)
+{
+    return status == 0 ? std::error_code() : posix::lastError();
 }
 
 // The file system's immutable flag. Asked for files and folders only, so
@@ -61,65 +63,48 @@ bool isImmutable(const std::string& path, mode_t mode)
     if (!S_ISREG(mode) && !S_ISDIR(mode)) {
         return false;
     }
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
+    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY);
+    if (!fd.valid()) {
         return false;
     }
     int flags = 0;
-    const bool immutable = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
-    ::close(fd);
-    return immutable;
+    return ::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
 }
 
-// The names in the folder open at `fd` (which is taken over), sorted.
-std::optional<std::vector<std::string>> sortedNames(int fd)
+// The names in the folder open at `folderFd`, sorted.
+std::optional<std::vector<std::string>> sortedNames(int folderFd)
 {
-    if (fd < 0) {
-        return std::nullopt;
-    }
-    DIR* dir = ::fdopendir(fd);
-    if (dir == nullptr) {
-        ::close(fd);
+    posix::UniqueDir dir = posix::UniqueDir::reading(folderFd);
+    if (!dir.valid()) {
         return std::nullopt;
     }
     std::vector<std::string> names;
-    bool failed = false;
-    for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(dir);
-        if (entry == nullptr) {
-            failed = errno != 0;
-            break;
-        }
+    std::error_code error;
+    while (const dirent* entry = dir.next(error)) {
         const std::string_view name(entry->d_name);
         if (name != "." && name != "..") {
             names.emplace_back(name);
         }
     }
-    ::closedir(dir);
-    if (failed) {
+    if (error) {
         return std::nullopt;
     }
     std::sort(names.begin(), names.end());
     return names;
 }
 
-bool writeAll(int fd, const std::string& contents)
+// Creates a new file beside path for an atomic write.
+posix::UniqueFd createTemporarySibling(const std::string& path, std::string& temporaryPath, std::error_code& error)
 {
-    const char* data = contents.data();
-    std::size_t left = contents.size();
-    while (left > 0) {
-        const ssize_t written = ::write(fd, data, left);
-        if (written < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
+    static std::atomic<unsigned> counter{0};
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        temporaryPath = path + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter++);
+        posix::UniqueFd fd = posix::openFile(temporaryPath, O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY, 0666, &error);
+        if (fd.valid() || error != std::errc::file_exists) {
+            return fd;
         }
-        data += written;
-        left -= static_cast<std::size_t>(written);
     }
-    return true;
+    return {};
 }
 
 }  // namespace
@@ -156,51 +141,93 @@ std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::str
     attributes.size = static_cast<uint64_t>(st.st_size);
     attributes.posixPermissions = static_cast<uint32_t>(st.st_mode & 07777);
     attributes.ownerAccountID = st.st_uid;
-    attributes.ownerAccountName = accountNameOf(st.st_uid);
+    attributes.ownerAccountName = accountNameForUserID(st.st_uid);
     attributes.immutable = isImmutable(path, st.st_mode);
     return attributes;
 }
 
-bool FileManager::setPosixPermissions(const std::string& path, uint32_t mode) const
-{
-    return !path.empty() && ::chmod(path.c_str(), static_cast<mode_t>(mode & 07777)) == 0;
-}
-
-bool FileManager::removeItemAtPath(const std::string& path) const
-{
-    return TreeRemover().removePath(path);
-}
-
-bool FileManager::moveItemAtPath(const std::string& source, const std::string& destination) const
-{
-    return !source.empty() && !destination.empty() && ::rename(source.c_str(), destination.c_str()) == 0;
-}
-
-bool FileManager::createDirectoryAtPath(const std::string& path, std::optional<uint32_t> mode) const
-{
-    if (path.empty() || ::mkdir(path.c_str(), mode ? static_cast<mode_t>(*mode & 07777) : 0777) != 0) {
-        return false;
-    }
-    // The umask has narrowed the mode given to mkdir; a mode asked for is set exactly.
-    return !mode || ::chmod(path.c_str(), static_cast<mode_t>(*mode & 07777)) == 0;
-}
-
-bool FileManager::createFileAtPath(const std::string& path, const std::string& contents,
-                                   std::optional<uint32_t> mode) const
+bool FileManager::setPosixPermissions(const std::string& path, uint32_t mode, std::error_code* error) const
 {
     if (path.empty()) {
-        return false;
+        return report(error, emptyPathError());
     }
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY,
-                          mode ? static_cast<mode_t>(*mode & 07777) : 0666);
-    if (fd < 0) {
-        return false;
+    return report(error, resultOf(::chmod(path.c_str(), static_cast<mode_t>(mode & 07777))));
+}
+
+bool FileManager::removeItemAtPath(const std::string& path, std::error_code* error) const
+{
+    return TreeRemover().removePath(path, error);
+}
+
+bool FileManager::moveItemAtPath(const std::string& source, const std::string& destination,
+                                 std::error_code* error) const
+{
+    if (source.empty() || destination.empty()) {
+        return report(error, emptyPathError());
     }
-    bool ok = writeAll(fd, contents);
-    if (ok && mode) {
-        ok = ::fchmod(fd, static_cast<mode_t>(*mode & 07777)) == 0;
+    return report(error, resultOf(::rename(source.c_str(), destination.c_str())));
+}
+
+bool FileManager::createDirectoryAtPath(const std::string& path, std::optional<uint32_t> mode,
+                                        std::error_code* error) const
+{
+    if (path.empty()) {
+        return report(error, emptyPathError());
     }
-    return ::close(fd) == 0 && ok;
+    if (::mkdir(path.c_str(), mode ? static_cast<mode_t>(*mode & 07777) : 0777) != 0) {
+        return report(error, posix::lastError());
+    }
+    // The umask has narrowed the mode given to mkdir; a mode asked for is set exactly.
+    return report(error,
+                  mode ? resultOf(::chmod(path.c_str(), static_cast<mode_t>(*mode & 07777))) : std::error_code());
+}
+
+bool FileManager::createFileAtPath(const std::string& path, const std::string& contents, std::optional<uint32_t> mode,
+                                   std::error_code* error) const
+{
+    if (path.empty()) {
+        return report(error, emptyPathError());
+    }
+    std::error_code reason;
+    posix::UniqueFd fd = posix::openFile(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY,
+                                         mode ? static_cast<mode_t>(*mode & 07777) : 0666, &reason);
+    if (!fd.valid()) {
+        return report(error, reason);
+    }
+    reason = posix::writeAll(fd.get(), contents);
+    if (!reason && mode) {
+        reason = resultOf(::fchmod(fd.get(), static_cast<mode_t>(*mode & 07777)));
+    }
+    const std::error_code closeError = fd.close();
+    return report(error, reason ? reason : closeError);
+}
+
+bool FileManager::writeFileAtomically(const std::string& path, std::string_view contents, std::error_code* error) const
+{
+    if (path.empty()) {
+        return report(error, emptyPathError());
+    }
+    std::string temporaryPath;
+    std::error_code reason;
+    posix::UniqueFd fd = createTemporarySibling(path, temporaryPath, reason);
+    if (!fd.valid()) {
+        return report(error, reason);
+    }
+    reason = posix::writeAll(fd.get(), contents);
+    if (!reason) {
+        reason = resultOf(::fsync(fd.get()));
+    }
+    const std::error_code closeError = fd.close();
+    if (!reason) {
+        reason = closeError;
+    }
+    if (!reason) {
+        reason = resultOf(::rename(temporaryPath.c_str(), path.c_str()));
+    }
+    if (reason) {
+        ::unlink(temporaryPath.c_str());
+    }
+    return report(error, reason);
 }
 
 std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(const std::string& path) const
@@ -208,7 +235,11 @@ std::optional<std::vector<std::string>> FileManager::contentsOfDirectoryAtPath(c
     if (path.empty()) {
         return std::nullopt;
     }
-    return sortedNames(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
+    const posix::UniqueFd folder = posix::openFile(path, O_RDONLY | O_DIRECTORY | O_NOCTTY);
+    if (!folder.valid()) {
+        return std::nullopt;
+    }
+    return sortedNames(folder.get());
 }
 
 std::optional<std::vector<std::string>> FileManager::enumeratorAtPath(const std::string& path) const
@@ -216,31 +247,28 @@ std::optional<std::vector<std::string>> FileManager::enumeratorAtPath(const std:
     if (path.empty()) {
         return std::nullopt;
     }
-    const int rootFd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY);
-    if (rootFd < 0) {
+    posix::UniqueFd rootFd = posix::openFile(path, O_RDONLY | O_DIRECTORY | O_NOCTTY);
+    if (!rootFd.valid()) {
         return std::nullopt;
     }
     // One level per folder on the way down: its descriptor, its path relative
     // to the root, its sorted names and how far they have been listed.
     struct Level {
-        int fd;
+        posix::UniqueFd fd;
         std::string prefix;
         std::vector<std::string> names;
         std::size_t next = 0;
     };
     std::vector<std::string> paths;
     std::vector<Level> levels;
-    const int listFd = ::openat(rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    auto rootNames = sortedNames(listFd);
+    auto rootNames = sortedNames(rootFd.get());
     if (!rootNames) {
-        ::close(rootFd);
         return std::nullopt;
     }
-    levels.push_back(Level{rootFd, std::string(), std::move(*rootNames)});
+    levels.push_back(Level{std::move(rootFd), std::string(), std::move(*rootNames)});
     while (!levels.empty()) {
         Level& level = levels.back();
         if (level.next == level.names.size()) {
-            ::close(level.fd);
             levels.pop_back();
             continue;
         }
@@ -248,51 +276,36 @@ std::optional<std::vector<std::string>> FileManager::enumeratorAtPath(const std:
         std::string relative = level.prefix + name;
         paths.push_back(relative);
         struct stat st {};
-        if (::fstatat(level.fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) {
+        if (::fstatat(level.fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) {
             continue;
         }
-        const int childFd = ::openat(level.fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (childFd < 0) {
+        posix::UniqueFd childFd = posix::openAt(level.fd.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        if (!childFd.valid()) {
             continue;
         }
-        auto childNames = sortedNames(::openat(childFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        auto childNames = sortedNames(childFd.get());
         if (!childNames) {
-            ::close(childFd);
             continue;
         }
-        levels.push_back(Level{childFd, relative + "/", std::move(*childNames)});
+        levels.push_back(Level{std::move(childFd), relative + "/", std::move(*childNames)});
     }
     return paths;
 }
 
-std::optional<std::string> FileManager::contentsAtPath(const std::string& path) const
+std::optional<std::string> FileManager::contentsAtPath(const std::string& path, std::error_code* error) const
 {
     if (path.empty()) {
+        report(error, emptyPathError());
         return std::nullopt;
     }
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
+    std::error_code reason;
+    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY | O_NOCTTY, 0, &reason);
+    if (!fd.valid()) {
+        report(error, reason);
         return std::nullopt;
     }
     std::string contents;
-    char buffer[65536];
-    bool failed = false;
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            failed = true;
-            break;
-        }
-        if (got == 0) {
-            break;
-        }
-        contents.append(buffer, static_cast<std::size_t>(got));
-    }
-    ::close(fd);
-    if (failed) {
+    if (!report(error, posix::readAll(fd.get(), contents))) {
         return std::nullopt;
     }
     return contents;

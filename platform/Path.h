@@ -9,19 +9,90 @@
 
 namespace platform {
 
+/// The last component; trailing slashes do not count.
+/// @code
+///   lastPathComponent("/tmp/scratch.tiff")  == "scratch.tiff"
+///   lastPathComponent("/tmp/")              == "tmp"
+///   lastPathComponent("scratch///")         == "scratch"
+///   lastPathComponent("/")                  == "/"
+///   lastPathComponent("")                   == ""
+/// @endcode
 std::string lastPathComponent(std::string_view path);
+
+/// The path less its last component and the slashes before it. Repeated
+/// slashes inside what is left stay as written.
+/// @code
+///   deletingLastPathComponent("/tmp/scratch.tiff")  == "/tmp"
+///   deletingLastPathComponent("/tmp/lock/")         == "/tmp"
+///   deletingLastPathComponent("/tmp/")              == "/"
+///   deletingLastPathComponent("/tmp")               == "/"
+///   deletingLastPathComponent("/")                  == "/"
+///   deletingLastPathComponent("scratch.tiff")       == ""
+///   deletingLastPathComponent("/tmp//scratch")      == "/tmp"
+///   deletingLastPathComponent("/a//b/c")            == "/a//b"
+/// @endcode
 std::string deletingLastPathComponent(std::string_view path);
+
+/// The path with one more component, joined by exactly one slash.
+/// @code
+///   appendingPathComponent("/tmp", "x")    == "/tmp/x"
+///   appendingPathComponent("/tmp/", "x")   == "/tmp/x"
+///   appendingPathComponent("/tmp", "/x")   == "/tmp/x"
+///   appendingPathComponent("/tmp", "x/")   == "/tmp/x"
+///   appendingPathComponent("/", "x")       == "/x"
+///   appendingPathComponent("", "x")        == "x"
+///   appendingPathComponent("/tmp", "")     == "/tmp"
+/// @endcode
 std::string appendingPathComponent(std::string_view path, std::string_view component);
+
+/// The path with "." and the extension after its last component.
+/// @code
+///   appendingPathExtension("/tmp/scratch.old", "tiff")  == "/tmp/scratch.old.tiff"
+///   appendingPathExtension("/tmp/", "tiff")             == "/tmp.tiff"
+///   appendingPathExtension("scratch", "tiff")           == "scratch.tiff"
+///   appendingPathExtension("/", "tiff")                 == "/"
+///   appendingPathExtension("", "tiff")                  == ""
+/// @endcode
 std::string appendingPathExtension(std::string_view path, std::string_view extension);
+
+/// The components; a leading slash is a component "/", and so is a trailing one.
+/// @code
+///   pathComponents("tmp/scratch")     == {"tmp", "scratch"}
+///   pathComponents("/tmp/scratch")    == {"/", "tmp", "scratch"}
+///   pathComponents("/tmp/")           == {"/", "tmp", "/"}
+///   pathComponents("//tmp//scratch")  == {"/", "tmp", "scratch"}
+///   pathComponents("/")               == {"/"}
+/// @endcode
 std::vector<std::string> pathComponents(std::string_view path);
-// True when the path begins with "/" or "~".
+
+/// True when the path begins with "/" or "~".
+/// @code
+///   isAbsolutePath("/tmp")  == true
+///   isAbsolutePath("~/x")   == true
+///   isAbsolutePath("tmp")   == false
+/// @endcode
 bool isAbsolutePath(std::string_view path);
-// "~" and "~/x" use the effective user's home folder, "~user/x" that user's;
-// an unknown user leaves the path as written.
+
+/// "~" and "~/x" use the effective user's home folder, "~user/x" that
+/// user's; an unknown user leaves the path as written.
+/// @code
+///   expandingTildeInPath("~")                == home
+///   expandingTildeInPath("~/x")              == home + "/x"
+///   expandingTildeInPath("~root/x")          == root's home + "/x"
+///   expandingTildeInPath("~no_such_user/x")  == "~no_such_user/x"
+///   expandingTildeInPath("x/~")              == "x/~"
+/// @endcode
 std::string expandingTildeInPath(std::string_view path);
-// The path of a file URL made from the path: a path not starting with "/" is
-// taken from the current folder (from "/" when that cannot be read), and
-// trailing slashes are dropped. Nothing else is resolved.
+
+/// The path of a file URL made from the path: a path not starting with "/"
+/// is taken from the current folder (from "/" when that cannot be read), and
+/// trailing slashes are dropped. Nothing else is resolved.
+/// @code
+///   fileURLPath("/Applications/App.app//")  == "/Applications/App.app"
+///   fileURLPath("/")                        == "/"
+///   fileURLPath("a/../b")                   == current folder + "/a/../b"
+///   fileURLPath("")                         == current folder
+/// @endcode
 std::string fileURLPath(std::string_view path);
 
 }  // namespace platform

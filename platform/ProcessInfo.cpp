@@ -1,9 +1,9 @@
 #include "platform/ProcessInfo.h"
 
 #include "platform/Path.h"
+#include "platform/PosixIO.h"
 
-#include <fstream>
-#include <iterator>
+#include <fcntl.h>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -26,8 +26,11 @@ ArgumentStore& store()
 // The arguments the kernel kept for this process, each ended by a NUL byte.
 std::vector<std::string> readOwnCommandLine()
 {
-    std::ifstream file("/proc/self/cmdline", std::ios::binary);
-    const std::string contents((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::string contents;
+    const posix::UniqueFd file = posix::openFile("/proc/self/cmdline", O_RDONLY);
+    if (file.valid()) {
+        static_cast<void>(posix::readAll(file.get(), contents));
+    }
     std::vector<std::string> arguments;
     std::size_t start = 0;
     while (start < contents.size()) {

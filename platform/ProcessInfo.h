@@ -1,4 +1,7 @@
-// The process's own arguments, as main received them.
+// The process's own arguments: those main hands over through setArguments;
+// when nothing has been handed over before the first question, the ones the
+// kernel keeps for the process (/proc/self/cmdline, each argument ended by a
+// NUL byte), read once.
 #pragma once
 
 #include <string>
@@ -10,7 +13,8 @@ class ProcessInfo {
 public:
     ProcessInfo() = delete;
 
-    // main hands its arguments over before anything reads them.
+    // main hands its arguments over before anything reads them; a later
+    // call replaces them.
     static void setArguments(int argc, const char* const* argv);
     static void setArguments(std::vector<std::string> arguments);
     static const std::vector<std::string>& arguments();

@@ -2,13 +2,9 @@
 
 #include <plist/plist.h>
 
-#include <cerrno>
-#include <atomic>
 #include <cmath>
 #include <cstdlib>
-#include <fcntl.h>
 #include <limits>
-#include <unistd.h>
 #include <unordered_set>
 #include <utility>
 #include <variant>
@@ -417,65 +413,14 @@ std::string PropertyList::toXML() const
     return text;
 }
 
-namespace {
-
-bool writeAll(int fd, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t count = ::write(fd, bytes.data(), bytes.size());
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        bytes.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
-// Creates a new file next to path, mode 0666 less the umask; -1 on failure.
-int createTemporarySibling(const std::string& path, std::string& temporaryPath)
-{
-    static std::atomic<unsigned> counter{0};
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        temporaryPath = path + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter++);
-        const int fd = ::open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd >= 0 || errno != EEXIST) {
-            return fd;
-        }
-    }
-    return -1;
-}
-
-}  // namespace
-
 bool PropertyList::writeToFile(const std::string& path, bool atomically) const
 {
     const std::string xml = toXML();
     if (xml.empty()) {
         return false;
     }
-    if (!atomically) {
-        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (fd < 0) {
-            return false;
-        }
-        const bool written = writeAll(fd, xml);
-        return (::close(fd) == 0) && written;
-    }
-    std::string temporaryPath;
-    const int fd = createTemporarySibling(path, temporaryPath);
-    if (fd < 0) {
-        return false;
-    }
-    bool ok = writeAll(fd, xml) && ::fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (ok && ::rename(temporaryPath.c_str(), path.c_str()) == 0) {
-        return true;
-    }
-    ::unlink(temporaryPath.c_str());
-    return false;
+    const FileManager& fileManager = FileManager::defaultManager();
+    return atomically ? fileManager.writeFileAtomically(path, xml) : fileManager.createFileAtPath(path, xml);
 }
 
 bool PropertyList::operator==(const PropertyList& other) const

@@ -1,5 +1,7 @@
 #include "platform/TreeRemover.h"
 
+#include "platform/PosixIO.h"
+
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -11,54 +13,26 @@ namespace platform {
 
 namespace {
 
+namespace posix = platform::posix;
+
 // A folder is opened only as a folder and never through a link.
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY;
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY;
 
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : theFd(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : theFd(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
-    {
-        if (this != &other) {
-            reset(other.release());
-        }
-        return *this;
-    }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { reset(); }
-
-    int get() const noexcept { return theFd; }
-    bool valid() const noexcept { return theFd >= 0; }
-    int release() noexcept
-    {
-        const int fd = theFd;
-        theFd = -1;
-        return fd;
-    }
-    void reset(int fd = -1) noexcept
-    {
-        if (theFd >= 0) {
-            ::close(theFd);
-        }
-        theFd = fd;
-    }
-
-private:
-    int theFd = -1;
-};
+std::error_code reasonOf(std::errc value)
+{
+    return std::make_error_code(value);
+}
 
 // One folder on the way down. Its descriptor may be closed while the walk is
 // far below it; climbing back reopens it through ".." and checks it is the
 // same folder (device and inode).
 struct Frame {
-    UniqueFd fd;
+    posix::UniqueFd fd;
     dev_t device = 0;
     ino_t inode = 0;
     std::string name;                     // its name in the folder above
     std::vector<std::string> subfolders;  // still to be walked
+    bool failedInside = false;            // something in it stayed
 };
 
 bool isDotOrDotDot(const char* name)
@@ -77,29 +51,81 @@ bool isRootFolder(const struct stat& item)
     return ::stat("/", &root) == 0 && root.st_dev == item.st_dev && root.st_ino == item.st_ino;
 }
 
+std::string joinPath(const std::string& folder, const std::string& name)
+{
+    if (folder.empty()) {
+        return name;
+    }
+    return folder.back() == '/' ? folder + name : folder + "/" + name;
+}
+
+// The caller's path of the folder at the top of the stack.
+std::string pathOf(const std::vector<Frame>& stack, const std::string& displayPath)
+{
+    std::string path = displayPath;
+    for (std::size_t i = 1; i < stack.size(); ++i) {
+        path = joinPath(path, stack[i].name);
+    }
+    return path;
+}
+
+}  // namespace
+
+// The failures of one request: the first reason for the caller's error, and
+// each failure for the handler.
+class TreeRemover::Walk {
+public:
+    Walk(const FailureHandler& handler, std::error_code* error) : theHandler(handler), theError(error)
+    {
+        if (theError != nullptr) {
+            theError->clear();
+        }
+    }
+
+    void fail(const std::string& path, std::error_code reason)
+    {
+        if (!theFailed && theError != nullptr) {
+            *theError = reason;
+        }
+        theFailed = true;
+        if (theHandler) {
+            theHandler(path, reason);
+        }
+    }
+
+    bool failed() const noexcept { return theFailed; }
+
+private:
+    const FailureHandler& theHandler;
+    std::error_code* theError;
+    bool theFailed = false;
+};
+
+namespace {
+
 // Reads the folder open at `fd` once: unlinks every entry that is not a
 // folder at once and keeps the names of its subfolders on the same device.
-// A mount point (a subfolder on another device) stays and makes the result
-// false, as does every entry that cannot be removed.
-void readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, bool& complete)
+// A mount point (a subfolder on another device) stays, as does every entry
+// that cannot be removed; each is reported. False when something stayed.
+template <typename Walk, typename FolderPath>
+bool readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, const FolderPath& folderPath, Walk& walk)
 {
-    const int readFd = ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (readFd < 0) {
+    bool complete = true;
+    const auto fail = [&](const char* name, std::error_code reason) {
         complete = false;
-        return;
-    }
-    DIR* dir = ::fdopendir(readFd);
-    if (dir == nullptr) {
-        ::close(readFd);
-        complete = false;
-        return;
+        walk.fail(name == nullptr ? folderPath() : joinPath(folderPath(), name), reason);
+    };
+    std::error_code error;
+    posix::UniqueDir dir = posix::UniqueDir::reading(fd, &error);
+    if (!dir.valid()) {
+        fail(nullptr, error);
+        return false;
     }
     for (;;) {
-        errno = 0;
-        const dirent* entry = ::readdir(dir);
+        const dirent* entry = dir.next(error);
         if (entry == nullptr) {
-            if (errno != 0) {
-                complete = false;
+            if (error) {
+                fail(nullptr, error);
             }
             break;
         }
@@ -111,7 +137,7 @@ void readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, bool
             struct stat st {};
             if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 if (errno != ENOENT) {
-                    complete = false;
+                    fail(name, posix::lastError());
                 }
                 continue;
             }
@@ -119,7 +145,7 @@ void readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, bool
                 if (st.st_dev == device) {
                     subfolders.emplace_back(name);
                 } else {
-                    complete = false;
+                    fail(name, reasonOf(std::errc::device_or_resource_busy));
                 }
                 continue;
             }
@@ -129,11 +155,11 @@ void readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, bool
                 // Became a folder since it was read; it is checked when opened.
                 subfolders.emplace_back(name);
             } else {
-                complete = false;
+                fail(name, posix::lastError());
             }
         }
     }
-    ::closedir(dir);
+    return complete;
 }
 
 // A folder reached as usual (a link on the way is followed); "" is the
@@ -143,62 +169,101 @@ public:
     explicit FolderHandle(const std::string& path) : theCurrent(path.empty())
     {
         if (!theCurrent) {
-            theFd.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY));
+            theFd = posix::openFile(path, O_RDONLY | O_DIRECTORY | O_NOCTTY, 0, &theError);
         }
     }
     int get() const noexcept { return theCurrent ? AT_FDCWD : theFd.get(); }
     bool valid() const noexcept { return theCurrent || theFd.valid(); }
+    // Why the folder could not be reached.
+    std::error_code error() const noexcept { return theError; }
     // Steps into the entry `name` without following a link.
     void descend(const std::string& name)
     {
-        UniqueFd next(::openat(get(), name.c_str(), kFolderFlags));
+        posix::UniqueFd next = posix::openAt(get(), name, kFolderFlags, 0, &theError);
         theCurrent = false;
         theFd = std::move(next);
     }
 
 private:
     bool theCurrent;
-    UniqueFd theFd;
+    posix::UniqueFd theFd;
+    std::error_code theError;
 };
 
 }  // namespace
 
-bool TreeRemover::removeEntry(int directoryFd, const std::string& name) const
+bool TreeRemover::removeEntry(int directoryFd, const std::string& name, std::error_code* error) const
+{
+    Walk walk(theFailureHandler, error);
+    return removeEntry(directoryFd, name, name, walk);
+}
+
+bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const std::string& displayPath,
+                              Walk& walk) const
 {
     if (!isSingleComponent(name)) {
+        walk.fail(displayPath, reasonOf(std::errc::invalid_argument));
         return false;
     }
     struct stat item {};
     if (::fstatat(directoryFd, name.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) {
+        walk.fail(displayPath, posix::lastError());
         return false;
     }
     if (!S_ISDIR(item.st_mode)) {
-        return ::unlinkat(directoryFd, name.c_str(), 0) == 0;
+        if (::unlinkat(directoryFd, name.c_str(), 0) != 0) {
+            walk.fail(displayPath, posix::lastError());
+            return false;
+        }
+        return true;
     }
     if (isRootFolder(item)) {
+        walk.fail(displayPath, reasonOf(std::errc::invalid_argument));
         return false;
     }
     struct stat parent {};
     const int parentStatus = directoryFd == AT_FDCWD ? ::stat(".", &parent) : ::fstat(directoryFd, &parent);
-    if (parentStatus != 0 || parent.st_dev != item.st_dev) {
-        // The item is itself a mount point: it stays.
+    if (parentStatus != 0) {
+        walk.fail(displayPath, posix::lastError());
         return false;
     }
-    return removeFolder(directoryFd, name, item.st_dev, item.st_ino);
+    if (parent.st_dev != item.st_dev) {
+        // The item is itself a mount point: it stays.
+        walk.fail(displayPath, reasonOf(std::errc::device_or_resource_busy));
+        return false;
+    }
+    removeFolder(directoryFd, name, displayPath, item.st_dev, item.st_ino, walk);
+    return !walk.failed();
 }
 
-bool TreeRemover::removeFolder(int parentFd, const std::string& name, dev_t device, ino_t inode) const
+void TreeRemover::removeFolder(int parentFd, const std::string& name, const std::string& displayPath, dev_t device,
+                               ino_t inode, Walk& walk) const
 {
-    UniqueFd topFd(::openat(parentFd, name.c_str(), kFolderFlags));
+    std::error_code error;
+    posix::UniqueFd topFd = posix::openAt(parentFd, name, kFolderFlags, 0, &error);
+    if (!topFd.valid()) {
+        walk.fail(displayPath, error);
+        return;
+    }
     struct stat top {};
-    if (!topFd.valid() || ::fstat(topFd.get(), &top) != 0 || top.st_dev != device || top.st_ino != inode) {
-        return false;
+    if (const std::error_code statError = posix::statDescriptor(topFd.get(), top)) {
+        walk.fail(displayPath, statError);
+        return;
+    }
+    if (top.st_dev != device || top.st_ino != inode) {
+        // Replaced by another folder since it was looked at.
+        walk.fail(displayPath, reasonOf(std::errc::operation_canceled));
+        return;
     }
 
-    bool complete = true;
     std::vector<Frame> stack;
-    stack.push_back(Frame{std::move(topFd), device, inode, name, {}});
-    readFolder(stack.back().fd.get(), device, stack.back().subfolders, complete);
+    const auto currentPath = [&stack, &displayPath] { return pathOf(stack, displayPath); };
+    const auto failInCurrent = [&](const std::string& child, std::error_code reason) {
+        stack.back().failedInside = true;
+        walk.fail(joinPath(currentPath(), child), reason);
+    };
+    stack.push_back(Frame{std::move(topFd), device, inode, name, {}, false});
+    stack.back().failedInside = !readFolder(stack.back().fd.get(), device, stack.back().subfolders, currentPath, walk);
 
     while (!stack.empty()) {
         if (!stack.back().subfolders.empty()) {
@@ -208,31 +273,36 @@ bool TreeRemover::removeFolder(int parentFd, const std::string& name, dev_t devi
             if (theBeforeOpeningFolder) {
                 theBeforeOpeningFolder(folderFd, child);
             }
-            UniqueFd childFd(::openat(folderFd, child.c_str(), kFolderFlags));
+            posix::UniqueFd childFd = posix::openAt(folderFd, child, kFolderFlags, 0, &error);
             if (!childFd.valid()) {
-                if (errno == ELOOP || errno == ENOTDIR) {
+                if (error == std::errc::too_many_symbolic_link_levels || error == std::errc::not_a_directory) {
                     // Replaced by a link or a file since it was read: that
                     // entry itself goes, whatever it points to stays.
                     if (::unlinkat(folderFd, child.c_str(), 0) != 0 && errno != ENOENT) {
-                        complete = false;
+                        failInCurrent(child, posix::lastError());
                     }
-                } else if (errno != ENOENT) {
-                    complete = false;
+                } else if (error != std::errc::no_such_file_or_directory) {
+                    failInCurrent(child, error);
                 }
                 continue;
             }
             struct stat st {};
-            if (::fstat(childFd.get(), &st) != 0 || st.st_dev != device) {
-                complete = false;
+            if (const std::error_code statError = posix::statDescriptor(childFd.get(), st)) {
+                failInCurrent(child, statError);
                 continue;
             }
-            stack.push_back(Frame{std::move(childFd), st.st_dev, st.st_ino, std::move(child), {}});
+            if (st.st_dev != device) {
+                failInCurrent(child, reasonOf(std::errc::device_or_resource_busy));
+                continue;
+            }
+            stack.push_back(Frame{std::move(childFd), st.st_dev, st.st_ino, std::move(child), {}, false});
             // Keep the current folder and a few above it open; the rest are
             // reopened through ".." on the way back up.
             if (stack.size() > theOpenAncestors + 1) {
                 stack[stack.size() - theOpenAncestors - 2].fd.reset();
             }
-            readFolder(stack.back().fd.get(), device, stack.back().subfolders, complete);
+            stack.back().failedInside =
+                !readFolder(stack.back().fd.get(), device, stack.back().subfolders, currentPath, walk);
             continue;
         }
 
@@ -243,33 +313,46 @@ bool TreeRemover::removeFolder(int parentFd, const std::string& name, dev_t devi
         if (!stack.empty()) {
             Frame& parent = stack.back();
             if (!parent.fd.valid()) {
-                UniqueFd up(::openat(done.fd.get(), "..", kFolderFlags));
+                posix::UniqueFd up = posix::openAt(done.fd.get(), "..", kFolderFlags);
                 struct stat upStat {};
-                if (!up.valid() || ::fstat(up.get(), &upStat) != 0 || upStat.st_dev != parent.device ||
+                if (!up.valid() || posix::statDescriptor(up.get(), upStat) || upStat.st_dev != parent.device ||
                     upStat.st_ino != parent.inode) {
                     // The folder has been moved away from where the walk came
                     // down: climbing further could lead anywhere. Stop here.
-                    return false;
+                    walk.fail(currentPath(), reasonOf(std::errc::operation_canceled));
+                    return;
                 }
                 parent.fd = std::move(up);
             }
             doneParentFd = parent.fd.get();
+            if (done.failedInside) {
+                parent.failedInside = true;
+            }
         }
         done.fd.reset();
         if (::unlinkat(doneParentFd, done.name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) {
-            complete = false;
+            const std::error_code reason = posix::lastError();
+            if (!stack.empty()) {
+                stack.back().failedInside = true;
+            }
+            // A folder that stays because something in it stayed is not a
+            // failure of its own.
+            if (!done.failedInside) {
+                walk.fail(stack.empty() ? displayPath : joinPath(currentPath(), done.name), reason);
+            }
         }
     }
-    return complete;
 }
 
-bool TreeRemover::removePath(const std::string& path) const
+bool TreeRemover::removePath(const std::string& path, std::error_code* error) const
 {
+    Walk walk(theFailureHandler, error);
     std::string trimmed = path;
     while (trimmed.size() > 1 && trimmed.back() == '/') {
         trimmed.pop_back();
     }
     if (trimmed.empty() || trimmed == "/") {
+        walk.fail(path, reasonOf(std::errc::invalid_argument));
         return false;
     }
     const std::string::size_type slash = trimmed.rfind('/');
@@ -277,16 +360,23 @@ bool TreeRemover::removePath(const std::string& path) const
     const std::string folder =
         slash == std::string::npos ? std::string() : (slash == 0 ? std::string("/") : trimmed.substr(0, slash));
     if (!isSingleComponent(name)) {
+        walk.fail(trimmed, reasonOf(std::errc::invalid_argument));
         return false;
     }
     const FolderHandle parent(folder);
-    return parent.valid() && removeEntry(parent.get(), name);
+    if (!parent.valid()) {
+        walk.fail(trimmed, parent.error());
+        return false;
+    }
+    return removeEntry(parent.get(), name, trimmed, walk);
 }
 
-bool TreeRemover::removeRelative(const std::string& folder, const std::string& relative) const
+bool TreeRemover::removeRelative(const std::string& folder, const std::string& relative, std::error_code* error) const
 {
+    Walk walk(theFailureHandler, error);
     std::vector<std::string> components;
     std::string::size_type start = 0;
+    bool refused = false;
     while (start <= relative.size()) {
         std::string::size_type end = relative.find('/', start);
         if (end == std::string::npos) {
@@ -294,25 +384,27 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
         }
         if (end > start) {
             components.push_back(relative.substr(start, end - start));
-            if (components.back() == "." || components.back() == "..") {
-                return false;
-            }
+            refused = refused || components.back() == "." || components.back() == "..";
         }
         start = end + 1;
     }
-    if (components.empty()) {
+    if (refused || components.empty()) {
+        walk.fail(joinPath(folder, relative), reasonOf(std::errc::invalid_argument));
         return false;
+    }
+    std::string displayPath = folder;
+    for (const std::string& component : components) {
+        displayPath = joinPath(displayPath, component);
     }
     if (components.size() == 1) {
         // Anything but a folder goes with one unlink of its full path: the
         // last component is never followed, a folder answers EISDIR and a
         // mount point EBUSY. Only folders need the walk below.
-        const std::string path =
-            folder.empty() ? components.front() : folder + (folder.back() == '/' ? "" : "/") + components.front();
-        if (::unlinkat(AT_FDCWD, path.c_str(), 0) == 0) {
+        if (::unlinkat(AT_FDCWD, displayPath.c_str(), 0) == 0) {
             return true;
         }
         if (errno != EISDIR) {
+            walk.fail(displayPath, posix::lastError());
             return false;
         }
     }
@@ -320,7 +412,11 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
     for (std::size_t i = 0; current.valid() && i + 1 < components.size(); ++i) {
         current.descend(components[i]);
     }
-    return current.valid() && removeEntry(current.get(), components.back());
+    if (!current.valid()) {
+        walk.fail(displayPath, current.error());
+        return false;
+    }
+    return removeEntry(current.get(), components.back(), displayPath, walk);
 }
 
 }  // namespace platform

@@ -1,11 +1,13 @@
-// Removal of a file-system item with everything in it, as safe as `rm -r`:
+// Removal of a file-system item with everything in it, as safe as `rm -r`.
+// This is the one statement of the destroy contract; FileManager's
+// removeItemAtPath and Workspace's destroy operation both remove through it.
 //
 // - a symbolic link is unlinked itself, never followed;
 // - the walk works relative to open directory descriptors (openat with
 //   O_NOFOLLOW | O_DIRECTORY, fstatat without following, unlinkat), so a
 //   folder swapped for a link while the walk runs cannot redirect it;
 // - it never descends into another file system: a mount point inside the
-//   item stays, and the result is false;
+//   item (or the item itself being one) stays, and the result is false;
 // - it refuses "/" itself and the names "", "." and "..";
 // - it has no depth limit: the walk is iterative, keeps only a small window
 //   of descriptors open and climbs back up through "..", checking that each
@@ -15,18 +17,44 @@
 //
 // Memory stays small: a folder's files are unlinked while it is read, and
 // only the names of its subfolders are kept until they are walked.
+//
+// Why something stayed. Each operation takes an optional `error` that
+// receives the reason of the first failure (cleared when everything went).
+// A failure handler, when set, is called once for every item that could not
+// be removed, in the order met, with its path and the reason:
+//
+//   path    the caller's path of the item (removePath: the path as given;
+//           removeRelative: folder + "/" + relative; removeEntry: the name)
+//           followed by the path inside it, e.g. "/opt/app/lib/locked";
+//   reason  a std::errc value, compared as error == std::errc::...:
+//           - what the system call answered (permission_denied,
+//             no_such_file_or_directory for a missing item,
+//             read_only_file_system, ...);
+//           - invalid_argument for a refused name ("", ".", "..", a ".."
+//             component, "/" itself);
+//           - device_or_resource_busy (EBUSY) for a mount point, inside the
+//             item or the item itself: it stays as it is;
+//           - operation_canceled when the tree was moved under the walk so
+//             that climbing back would leave the item: the walk stops there.
+//
+// Only first causes are reported: a folder that stays because something in
+// it stayed is not reported again.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 #include <string>
 #include <sys/types.h>
+#include <system_error>
 #include <utility>
 
 namespace platform {
 
 class TreeRemover {
 public:
+    // Called with the path of an item that could not be removed and why.
+    using FailureHandler = std::function<void(const std::string& path, std::error_code reason)>;
+
     // How many folders above the current one keep their descriptors open.
     static constexpr std::size_t kDefaultOpenAncestors = 16;
 
@@ -36,19 +64,22 @@ public:
     // Removes the entry `name` (one path component) of the folder open at
     // `directoryFd` (or AT_FDCWD), with everything in it. True when the entry
     // existed and is gone completely.
-    bool removeEntry(int directoryFd, const std::string& name) const;
+    bool removeEntry(int directoryFd, const std::string& name, std::error_code* error = nullptr) const;
 
     // Removes the item at `path` with everything in it. The folders leading
     // to it are reached as usual; its final component is never followed.
     // Refuses "", "/" and a path whose last component is "." or "..".
-    bool removePath(const std::string& path) const;
+    bool removePath(const std::string& path, std::error_code* error = nullptr) const;
 
     // Removes `relative` below the folder `folder` ("" for the current
     // folder). Every component of `relative` is reached without following a
     // link, and a component "." or ".." refuses the whole request, so it can
     // never lead outside `folder`. Empty components (repeated or leading
     // slashes) are ignored; a path with no component left is refused.
-    bool removeRelative(const std::string& folder, const std::string& relative) const;
+    bool removeRelative(const std::string& folder, const std::string& relative, std::error_code* error = nullptr) const;
+
+    // Called for every item that could not be removed (see above).
+    void setFailureHandler(FailureHandler handler) { theFailureHandler = std::move(handler); }
 
     // Called with the folder's descriptor and a subfolder's name just before
     // the walk opens that subfolder. Lets tests change the tree at the moment
@@ -59,9 +90,14 @@ public:
     }
 
 private:
-    bool removeFolder(int parentFd, const std::string& name, dev_t device, ino_t inode) const;
+    class Walk;
+
+    bool removeEntry(int directoryFd, const std::string& name, const std::string& displayPath, Walk& walk) const;
+    void removeFolder(int parentFd, const std::string& name, const std::string& displayPath, dev_t device, ino_t inode,
+                      Walk& walk) const;
 
     std::size_t theOpenAncestors = kDefaultOpenAncestors;
+    FailureHandler theFailureHandler;
     std::function<void(int, const std::string&)> theBeforeOpeningFolder;
 };
 

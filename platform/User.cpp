@@ -75,6 +75,17 @@ std::optional<std::string> homeDirectoryForUser(const std::string& name)
     return entry->home;
 }
 
+std::optional<std::string> accountNameForUserID(uint32_t uid)
+{
+    const auto entry = lookUpEntry([uid](passwd* pw, char* buffer, std::size_t size, passwd** found) {
+        return getpwuid_r(static_cast<uid_t>(uid), pw, buffer, size, found);
+    });
+    if (!entry) {
+        return std::nullopt;
+    }
+    return entry->name;
+}
+
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,
                                                            bool expandTilde)
 {

@@ -1,7 +1,9 @@
 // The running user, taken from the password database's entry for the
-// effective user id, and the user-domain search paths.
+// effective user id, and the user-domain search paths. The one place the
+// password database is read.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +16,9 @@ enum class SearchPathDomainMask : unsigned { User = 1 };
 std::string userName();
 std::string homeDirectory();
 std::optional<std::string> homeDirectoryForUser(const std::string& name);
+// The name in the password database's entry for the user id; none when the
+// id has no entry.
+std::optional<std::string> accountNameForUserID(uint32_t uid);
 // For (Library, User): one entry, home + "/Library" (with expandTilde false:
 // "~/Library"). Other combinations give an empty list.
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,

@@ -1,6 +1,6 @@
 #include "platform/Workspace.h"
 
-#include "platform/TreeRemover.h"
+#include "platform/PosixIO.h"
 
 #include <atomic>
 #include <cerrno>
@@ -33,24 +33,39 @@ void Workspace::setSharedWorkspaceForTesting(Workspace* workspace)
     theWorkspaceForTesting.store(workspace);
 }
 
-// Each name is a path relative to the source folder: its components are
-// reached without following links, and a name that is empty, "." or "..", or
-// has such a component, is refused, so nothing outside the source folder and
-// never "/" itself is destroyed. An empty list destroys nothing and is false.
+bool Workspace::performFileOperation(WorkspaceOperation operation, const std::string& source,
+                                     const std::optional<std::string>& destination,
+                                     const std::vector<std::string>& files, int32_t* tag)
+{
+    return performFileOperation(operation, source, destination, files, tag, nullptr);
+}
+
 bool Workspace::performFileOperation(WorkspaceOperation operation, const std::string& source,
                                      const std::optional<std::string>& /*destination*/,
-                                     const std::vector<std::string>& files, int32_t* tag)
+                                     const std::vector<std::string>& files, int32_t* tag, std::error_code* error,
+                                     const TreeRemover::FailureHandler& onFailure)
 {
     if (tag != nullptr) {
         *tag = 0;
     }
+    if (error != nullptr) {
+        error->clear();
+    }
     if (operation != WorkspaceOperation::Destroy || files.empty()) {
+        if (error != nullptr) {
+            *error = std::make_error_code(std::errc::invalid_argument);
+        }
         return false;
     }
-    const TreeRemover remover;
+    TreeRemover remover;
+    remover.setFailureHandler(onFailure);
     bool allDestroyed = true;
     for (const std::string& name : files) {
-        if (!remover.removeRelative(source, name)) {
+        std::error_code reason;
+        if (!remover.removeRelative(source, name, &reason)) {
+            if (allDestroyed && error != nullptr) {
+                *error = reason;
+            }
             allDestroyed = false;
         }
     }
@@ -72,20 +87,16 @@ bool Workspace::setIcon(std::nullptr_t /*image*/, const std::string& path, unsig
     if (!S_ISDIR(st.st_mode)) {
         return false;
     }
-    const int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY);
-    if (folder < 0) {
+    const posix::UniqueFd folder = posix::openFile(path, O_RDONLY | O_DIRECTORY | O_NOCTTY);
+    if (!folder.valid()) {
         return false;
     }
-    bool cleared = false;
     struct stat icon {};
-    if (::fstatat(folder, kCustomIconName, &icon, AT_SYMLINK_NOFOLLOW) != 0) {
-        cleared = errno == ENOENT;
-    } else {
-        const int flags = S_ISDIR(icon.st_mode) ? AT_REMOVEDIR : 0;
-        cleared = ::unlinkat(folder, kCustomIconName, flags) == 0 || errno == ENOENT;
+    if (::fstatat(folder.get(), kCustomIconName, &icon, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno == ENOENT;
     }
-    ::close(folder);
-    return cleared;
+    const int flags = S_ISDIR(icon.st_mode) ? AT_REMOVEDIR : 0;
+    return ::unlinkat(folder.get(), kCustomIconName, flags) == 0 || errno == ENOENT;
 }
 
 }  // namespace platform

@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
+
+#include "platform/TreeRemover.h"
 
 namespace platform {
 
@@ -22,14 +25,23 @@ public:
     static void setSharedWorkspaceForTesting(Workspace* workspace);
 
     // Destroy: for each name, destroys source/name with everything in it,
-    // never following a symbolic link, never leaving the file system the item
-    // is on, refusing "/" and the names "", "." and "..". True when every
-    // named item was destroyed; false when one did not exist or could not be
-    // destroyed completely. The destination is unused by Destroy; tag, when
-    // given, receives 0.
+    // as TreeRemover.h describes (its removeRelative: a name with a "." or
+    // ".." component, an empty name and "/" itself are refused). True when
+    // every named item was destroyed; false when one did not exist or could
+    // not be destroyed completely; an empty list destroys nothing and is
+    // false. The destination is not used; tag, when given, receives 0.
+    // A replacement workspace overrides this form.
     virtual bool performFileOperation(WorkspaceOperation operation, const std::string& source,
                                       const std::optional<std::string>& destination,
                                       const std::vector<std::string>& files, int32_t* tag);
+    // The same destroy, telling why something stayed: `error` receives the
+    // reason of the first failure (cleared when everything went;
+    // invalid_argument for an empty list), and `onFailure`, when set, is
+    // called for every item that stayed, with its path and the reason.
+    bool performFileOperation(WorkspaceOperation operation, const std::string& source,
+                              const std::optional<std::string>& destination, const std::vector<std::string>& files,
+                              int32_t* tag, std::error_code* error,
+                              const TreeRemover::FailureHandler& onFailure = nullptr);
 
     // Only clearing is supported (image = nullptr): a folder's custom icon is
     // the file "Icon\r" inside it. True when no custom icon remains (also when

@@ -1,10 +1,12 @@
 #include "fsutil/QELSecurity.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <fstream>
 #include <string>
 
 #include "tests/support/ByteStream.h"
@@ -152,6 +154,51 @@ TEST_F(QELSecurityHashTest, HashMatchesFileOfAnEmptyFileReturnsFourEvenForTheZer
     EXPECT_EQ(QELSecurity::hashMatchesFile(kSixtyFourZeros, path), 4);
     EXPECT_EQ(QELSecurity::hashMatchesFile("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855", path),
               4);
+}
+
+int openDescriptorCount()
+{
+    int count = 0;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] != '.') {
+            ++count;
+        }
+    }
+    ::closedir(dir);
+    return count - 1;  // the listing's own descriptor
+}
+
+// How many mappings of the process name the path.
+int mappingsOf(const std::string& path)
+{
+    std::ifstream maps("/proc/self/maps");
+    int count = 0;
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(path) != std::string::npos) {
+            ++count;
+        }
+    }
+    return count;
+}
+
+TEST_F(QELSecurityHashTest, HashForFileLeavesNoDescriptorOrMappingBehind)
+{
+    const std::string file = fileWith("data", std::string(100000, 'd'));
+    const std::string empty = fileWith("empty", "");
+    const int before = openDescriptorCount();
+    int32_t status = -1;
+    EXPECT_EQ(QELSecurity::hashForFile(file, &status).size(), 64U);
+    EXPECT_EQ(status, QELSecurity::kHashOK);
+    EXPECT_EQ(QELSecurity::hashForFile(empty, &status), kSixtyFourZeros);
+    EXPECT_EQ(status, QELSecurity::kHashCannotMap);
+    EXPECT_EQ(QELSecurity::hashForFile(dir.path(), &status), kSixtyFourZeros);
+    EXPECT_EQ(status, QELSecurity::kHashCannotMap);
+    EXPECT_EQ(openDescriptorCount(), before);
+    EXPECT_EQ(mappingsOf(file), 0);
 }
 
 }  // namespace

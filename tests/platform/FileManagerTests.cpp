@@ -1,5 +1,6 @@
 #include "platform/FileManager.h"
 
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +9,8 @@
 #include <linux/fs.h>
 #include <pwd.h>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -378,13 +381,22 @@ TEST(FileManagerContentsOfDirectory, NonFolderOrMissingPathIsNone)
 
 TEST(FileManagerContentsOfDirectory, UnreadableFolderIsNone)
 {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "root reads every folder";
-    }
     TempDir dir;
     makeDirectories(dir.at("locked"));
+    writeFile(dir.at("open/file"), "");
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
     ASSERT_EQ(::chmod(dir.at("locked").c_str(), 0), 0);
-    EXPECT_FALSE(fm().contentsOfDirectoryAtPath(dir.at("locked")));
+    // Root reads every folder: the check runs as a user who may not.
+    const std::string locked = dir.at("locked");
+    const std::string open = dir.at("open");
+    const int status = testsupport::runUnprivileged([&locked, &open] {
+        if (fm().contentsOfDirectoryAtPath(locked)) {
+            return 1;
+        }
+        // The same user lists a folder it may read.
+        return fm().contentsOfDirectoryAtPath(open) == Names{"file"} ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
     ::chmod(dir.at("locked").c_str(), 0755);
 }
 
@@ -438,6 +450,98 @@ TEST(FileManagerContents, MissingOrFolderIsNone)
     TempDir dir;
     EXPECT_FALSE(fm().contentsAtPath(dir.at("missing")));
     EXPECT_FALSE(fm().contentsAtPath(dir.path()));
+}
+
+TEST(FileManagerReasons, ChangesGiveTheReasonOfAFailure)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    std::error_code error;
+    EXPECT_FALSE(fm().setPosixPermissions(dir.at("missing"), 0644, &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(fm().moveItemAtPath(dir.at("missing"), dir.at("other"), &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(fm().createDirectoryAtPath(dir.at("file"), std::nullopt, &error));
+    EXPECT_EQ(error, std::errc::file_exists);
+    EXPECT_FALSE(fm().createFileAtPath(dir.at("no/such/folder"), "x", std::nullopt, &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(fm().contentsAtPath(dir.at("missing"), &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(fm().contentsAtPath(dir.path(), &error));
+    EXPECT_EQ(error, std::errc::is_a_directory);
+    EXPECT_FALSE(fm().removeItemAtPath(dir.at("missing"), &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(fm().removeItemAtPath("", &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_FALSE(fm().createFileAtPath("", "x", std::nullopt, &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+}
+
+TEST(FileManagerReasons, SuccessClearsTheReason)
+{
+    TempDir dir;
+    std::error_code error = std::make_error_code(std::errc::permission_denied);
+    EXPECT_TRUE(fm().createDirectoryAtPath(dir.at("folder"), 0700, &error));
+    EXPECT_FALSE(error);
+    error = std::make_error_code(std::errc::permission_denied);
+    EXPECT_TRUE(fm().createFileAtPath(dir.at("folder/file"), "x", 0600, &error));
+    EXPECT_FALSE(error);
+    error = std::make_error_code(std::errc::permission_denied);
+    EXPECT_EQ(fm().contentsAtPath(dir.at("folder/file"), &error), "x");
+    EXPECT_FALSE(error);
+    error = std::make_error_code(std::errc::permission_denied);
+    EXPECT_TRUE(fm().removeItemAtPath(dir.at("folder"), &error));
+    EXPECT_FALSE(error);
+}
+
+TEST(FileManagerReasons, ReadOnlyFolderRefusesAnotherUserWithPermissionDenied)
+{
+    TempDir dir;
+    writeFile(dir.at("locked/file"), "x");
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    const std::string locked = dir.at("locked");
+    const int status = testsupport::runUnprivileged([&locked] {
+        std::error_code error;
+        if (fm().removeItemAtPath(locked + "/file", &error) || error != std::errc::permission_denied) {
+            return 1;
+        }
+        if (fm().createDirectoryAtPath(locked + "/new", std::nullopt, &error) ||
+            error != std::errc::permission_denied) {
+            return 2;
+        }
+        if (fm().setPosixPermissions(locked, 0777, &error) || error != std::errc::operation_not_permitted) {
+            return 3;
+        }
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(dir.at("locked/file")), "x");
+}
+
+TEST(FileManagerWriteFileAtomically, ReplacesTheWholeFileAndLeavesNothingBeside)
+{
+    TempDir dir;
+    writeFile(dir.at("folder/file"), "old contents");
+    std::error_code error = std::make_error_code(std::errc::permission_denied);
+    EXPECT_TRUE(fm().writeFileAtomically(dir.at("folder/file"), "new", &error));
+    EXPECT_FALSE(error);
+    EXPECT_EQ(readFile(dir.at("folder/file")), "new");
+    EXPECT_EQ(fm().contentsOfDirectoryAtPath(dir.at("folder")), Names{"file"});
+    EXPECT_TRUE(fm().writeFileAtomically(dir.at("folder/created"), std::string_view("a\0b", 3)));
+    EXPECT_EQ(readFile(dir.at("folder/created")), std::string("a\0b", 3));
+}
+
+TEST(FileManagerWriteFileAtomically, FailureLeavesThePathAsItWasAndSaysWhy)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder/target"));
+    std::error_code error;
+    EXPECT_FALSE(fm().writeFileAtomically(dir.at("missing/file"), "x", &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    // Renaming a file over a folder fails: the temporary file goes again.
+    EXPECT_FALSE(fm().writeFileAtomically(dir.at("folder/target"), "x", &error));
+    EXPECT_EQ(error, std::errc::is_a_directory);
+    EXPECT_EQ(fm().contentsOfDirectoryAtPath(dir.at("folder")), Names{"target"});
 }
 
 }  // namespace

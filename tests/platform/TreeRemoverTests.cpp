@@ -1,18 +1,27 @@
 #include "platform/TreeRemover.h"
 
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <linux/fs.h>
+#include <sched.h>
 #include <string>
+#include <sys/mount.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -338,6 +347,181 @@ TEST(TreeRemover, RemovingAFolderLeavesNoDescriptorOpen)
     const int before = openDescriptorCount();
     EXPECT_TRUE(TreeRemover().removePath(dir.at("item")));
     EXPECT_EQ(openDescriptorCount(), before);
+}
+
+// Every failure the walk reports, in order.
+struct Failures {
+    std::vector<std::pair<std::string, std::error_code>> seen;
+
+    void attachTo(TreeRemover& remover)
+    {
+        remover.setFailureHandler(
+            [this](const std::string& path, std::error_code reason) { seen.emplace_back(path, reason); });
+    }
+};
+
+// Runs `body` in a child with a mount namespace of its own; its result is
+// the exit status, 100 when the namespace could not be made.
+int runInOwnMountNamespace(const std::function<int()>& body)
+{
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        return -1;
+    }
+    if (pid == 0) {
+        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            ::_exit(100);
+        }
+        ::_exit(body());
+    }
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
+}
+
+void giveToUnprivilegedUser(const std::string& path)
+{
+    ASSERT_EQ(::chown(path.c_str(), testsupport::kUnprivilegedUser, testsupport::kUnprivilegedGroup), 0);
+}
+
+TEST(TreeRemoverReasons, RefusedNamesAreInvalidArguments)
+{
+    TempDir dir;
+    writeFile(dir.at("a/file"), "x");
+    TreeRemover remover;
+    Failures failures;
+    failures.attachTo(remover);
+    std::error_code error;
+    EXPECT_FALSE(remover.removePath("", &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_FALSE(remover.removePath("/", &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_FALSE(remover.removePath(dir.at("a/.."), &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_FALSE(remover.removeEntry(AT_FDCWD, ".", &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_FALSE(remover.removeRelative(dir.path(), "a/../a", &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    ASSERT_EQ(failures.seen.size(), 5U);
+    EXPECT_EQ(failures.seen[4].first, dir.at("a/../a"));
+    EXPECT_EQ(readFile(dir.at("a/file")), "x");
+}
+
+TEST(TreeRemoverReasons, MissingItemIsNoSuchFile)
+{
+    TempDir dir;
+    TreeRemover remover;
+    Failures failures;
+    failures.attachTo(remover);
+    std::error_code error;
+    EXPECT_FALSE(remover.removePath(dir.at("missing"), &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(remover.removeRelative(dir.path(), "missing", &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_FALSE(remover.removeRelative(dir.path(), "no/such/item", &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    ASSERT_EQ(failures.seen.size(), 3U);
+    EXPECT_EQ(failures.seen[0].first, dir.at("missing"));
+    EXPECT_EQ(failures.seen[2].first, dir.at("no/such/item"));
+}
+
+TEST(TreeRemoverReasons, SuccessClearsTheError)
+{
+    TempDir dir;
+    writeFile(dir.at("item/file"), "x");
+    std::error_code error = std::make_error_code(std::errc::permission_denied);
+    EXPECT_TRUE(TreeRemover().removePath(dir.at("item"), &error));
+    EXPECT_FALSE(error);
+}
+
+TEST(TreeRemoverReasons, ReadOnlyFolderGivesPermissionDeniedForEachItemThatStayed)
+{
+    TempDir dir;
+    writeFile(dir.at("item/gone/file"), "x");
+    writeFile(dir.at("item/locked/one"), "1");
+    writeFile(dir.at("item/locked/two"), "2");
+    writeFile(dir.at("item/locked/sub/three"), "3");
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0777), 0);
+    giveToUnprivilegedUser(dir.at("item"));
+    giveToUnprivilegedUser(dir.at("item/gone"));
+    giveToUnprivilegedUser(dir.at("item/gone/file"));
+    ASSERT_EQ(::chmod(dir.at("item/locked").c_str(), 0555), 0);
+    ASSERT_EQ(::chmod(dir.at("item/locked/sub").c_str(), 0555), 0);
+    const std::string item = dir.at("item");
+    const int status = testsupport::runUnprivileged([&item] {
+        TreeRemover remover;
+        Failures failures;
+        failures.attachTo(remover);
+        std::error_code error;
+        if (remover.removePath(item, &error)) {
+            return 1;
+        }
+        if (error != std::errc::permission_denied) {
+            return 2;
+        }
+        // Each item that stayed, once: the folders that stay because of
+        // them are not reported again.
+        std::vector<std::string> paths;
+        for (const auto& [path, reason] : failures.seen) {
+            if (reason != std::errc::permission_denied) {
+                return 3;
+            }
+            paths.push_back(path);
+        }
+        std::sort(paths.begin(), paths.end());
+        const std::vector<std::string> expected = {item + "/locked/one", item + "/locked/sub/three",
+                                                   item + "/locked/two"};
+        return paths == expected ? 0 : 4;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(present(dir.at("item/gone")));
+    EXPECT_EQ(readFile(dir.at("item/locked/one")), "1");
+    EXPECT_EQ(readFile(dir.at("item/locked/sub/three")), "3");
+    ::chmod(dir.at("item/locked/sub").c_str(), 0755);
+    ::chmod(dir.at("item/locked").c_str(), 0755);
+}
+
+TEST(TreeRemoverReasons, MountPointIsBusyAndAReadOnlyFileSystemSaysSo)
+{
+    TempDir dir;
+    writeFile(dir.at("item/file"), "x");
+    makeDirectories(dir.at("item/mnt"));
+    makeDirectories(dir.at("ro"));
+    const std::string item = dir.at("item");
+    const std::string readOnly = dir.at("ro");
+    const int status = runInOwnMountNamespace([&item, &readOnly] {
+        if (::mount("tmpfs", (item + "/mnt").c_str(), "tmpfs", 0, "size=1m") != 0 ||
+            ::mount("tmpfs", readOnly.c_str(), "tmpfs", 0, "size=1m") != 0) {
+            return 101;
+        }
+        writeFile(readOnly + "/kept/file", "x");
+        if (::mount(nullptr, readOnly.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+            return 102;
+        }
+        TreeRemover remover;
+        Failures failures;
+        failures.attachTo(remover);
+        std::error_code error;
+        if (remover.removePath(item, &error) || error != std::errc::device_or_resource_busy) {
+            return 1;
+        }
+        if (failures.seen.size() != 1 || failures.seen[0].first != item + "/mnt") {
+            return 2;
+        }
+        if (remover.removePath(item + "/mnt", &error) || error != std::errc::device_or_resource_busy) {
+            return 3;
+        }
+        if (remover.removePath(readOnly + "/kept", &error) || error != std::errc::read_only_file_system) {
+            return 4;
+        }
+        if (failures.seen.back().first != readOnly + "/kept/file") {
+            return 5;
+        }
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace

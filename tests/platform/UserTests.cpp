@@ -81,4 +81,11 @@ TEST(User, OtherSearchPathsAreEmpty)
             .empty());
 }
 
+TEST(UserAccountName, IsThePasswordDatabaseNameOfTheId)
+{
+    EXPECT_EQ(platform::accountNameForUserID(0), "root");
+    EXPECT_EQ(platform::accountNameForUserID(65534), "nobody");
+    EXPECT_EQ(platform::accountNameForUserID(3999999), std::nullopt);
+}
+
 }  // namespace

@@ -12,6 +12,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -374,6 +375,37 @@ TEST(SharedWorkspace, TestWorkspaceReplacesItUntilRestored)
     EXPECT_EQ(recording.lastSource, "/nowhere");
     Workspace::setSharedWorkspaceForTesting(nullptr);
     EXPECT_EQ(&Workspace::sharedWorkspace(), &real);
+}
+
+TEST(WorkspaceDestroyReasons, FirstFailureAndEveryItemThatStayedAreTold)
+{
+    TempDir dir;
+    writeFile(dir.at("source/present"), "x");
+    std::error_code error;
+    std::vector<std::string> failedPaths;
+    const bool destroyed = Workspace::sharedWorkspace().performFileOperation(
+        WorkspaceOperation::Destroy, dir.at("source"), std::nullopt, {"missing", "present", "..", "sub/.."}, nullptr,
+        &error, [&failedPaths](const std::string& path, std::error_code) { failedPaths.push_back(path); });
+    EXPECT_FALSE(destroyed);
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_EQ(failedPaths,
+              (std::vector<std::string>{dir.at("source/missing"), dir.at("source/.."), dir.at("source/sub/..")}));
+    EXPECT_FALSE(present(dir.at("source/present")));
+}
+
+TEST(WorkspaceDestroyReasons, EmptyListIsAnInvalidArgumentAndSuccessClearsTheReason)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "x");
+    std::error_code error;
+    EXPECT_FALSE(Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy, dir.path(),
+                                                                   std::nullopt, {}, nullptr, &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    int32_t tag = 5;
+    EXPECT_TRUE(Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy, dir.path(), std::nullopt,
+                                                                  {"file"}, &tag, &error));
+    EXPECT_FALSE(error);
+    EXPECT_EQ(tag, 0);
 }
 
 }  // namespace

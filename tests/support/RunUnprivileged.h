@@ -1,0 +1,49 @@
+// Runs a check as an unprivileged user (nobody, 65534) in a child process,
+// for behaviour that root would never see, such as a folder it may not read.
+#pragma once
+
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <exception>
+#include <functional>
+
+namespace testsupport {
+
+constexpr uid_t kUnprivilegedUser = 65534;
+constexpr gid_t kUnprivilegedGroup = 65534;
+
+// The exit status of a child that drops every privilege and then runs
+// `body`, whose result is the status: 0 for a passing check. 125 when the
+// child could not give up root, 126 when the body threw, -1 when the child
+// did not end normally. The child leaves at once (_exit): no destructor of
+// the test runs twice. Folders the body must reach need to be open to others.
+inline int runUnprivileged(const std::function<int()>& body)
+{
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        return -1;
+    }
+    if (pid == 0) {
+        // A run that is not root already is unprivileged as it is.
+        if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(kUnprivilegedGroup) != 0 ||
+                                 ::setuid(kUnprivilegedUser) != 0 || ::geteuid() == 0)) {
+            ::_exit(125);
+        }
+        int status = 126;
+        try {
+            status = body();
+        } catch (...) {
+            status = 126;
+        }
+        ::_exit(status);
+    }
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
+        return -1;
+    }
+    return WEXITSTATUS(status);
+}
+
+}  // namespace testsupport
