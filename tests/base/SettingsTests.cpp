@@ -141,4 +141,15 @@ TEST(Settings, BundlesAppTypeIsUsedInACopiedBundle)
     EXPECT_EQ(result.out, "Lumidoc Copy\n");
 }
 
+TEST(Settings, BundlesAppTypeThatIsANumberIsUsedAsItsText)
+{
+    const testsupport::TempDir home;
+    const testsupport::TempDir bundles;
+    const std::string bundle = makeBundleCopy(bundles, "\t<key>AppType</key>\n\t<real>1234567.0</real>\n");
+    const RunResult result =
+        basetest::runSandboxed(home.path(), basetest::qelutilPathIn(bundle), {"app-type"}, {bundle});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "1234567\n");
+}
+
 }  // namespace

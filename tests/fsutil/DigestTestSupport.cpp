@@ -8,12 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <any>
 #include <cerrno>
 #include <csignal>
 #include <sstream>
 #include <stdexcept>
 
+#include "base/QELBase.h"
 #include "base/QELBaseConstants.h"
 #include "fsutil/Sha256.h"
 #include "platform/Error.h"
@@ -282,12 +282,8 @@ int32_t fatalErrorCodeRaisedBy(const std::function<void()>& fn)
         fn();
     } catch (const platform::Exception& exception) {
         EXPECT_EQ(exception.name(), QEL_FATAL_EXCEPTION_NAME);
-        const auto found = exception.userInfo().find(QEL_ERROR_KEY);
-        if (found == exception.userInfo().end()) {
-            return 0;
-        }
-        const auto* error = std::any_cast<platform::Error>(&found->second);
-        return error != nullptr ? error->code() : 0;
+        const std::optional<platform::Error> error = QELBase::errorOfException(exception);
+        return error ? error->code() : 0;
     }
     ADD_FAILURE() << "nothing was raised";
     return 0;
