@@ -189,7 +189,7 @@ class BundleVersionTest : public testing::Test {
 protected:
     std::string bundleWithVersion(const std::string& version)
     {
-        const std::string path = dir.at("Component.app");
+        std::string path = dir.at("Component.app");
         writeFile(path + "/Contents/Info.plist",
                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                   "<key>CFBundleVersion</key><string>" +
