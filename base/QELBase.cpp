@@ -5,8 +5,6 @@
 #include <any>
 #include <atomic>
 #include <memory>
-#include <sstream>
-#include <vector>
 
 #include "base/QELBVerify.h"
 #include "platform/Bundle.h"
@@ -49,28 +47,18 @@ int32_t argumentDomainIntValue(const char* key)
         return platform::intValue(*text);
     }
     if (const int64_t* number = found->second.asInteger()) {
-        return platform::intValue(std::to_string(*number));
+        return platform::intValue(platform::stringFromNumber(*number));
     }
     return 0;
 }
 
 // An information-dictionary value used as it is, whatever its type: a
-// string stays itself, a number or boolean becomes its decimal text.
+// string stays itself, a number or boolean becomes its decimal text, as a
+// stored setting's number does.
 std::string textOfInfoValue(const platform::PropertyList& value)
 {
-    if (const std::string* text = value.asString()) {
-        return *text;
-    }
-    if (const int64_t* number = value.asInteger()) {
-        return std::to_string(*number);
-    }
-    if (const bool* flag = value.asBoolean()) {
-        return *flag ? "1" : "0";
-    }
-    if (const double* real = value.asReal()) {
-        std::ostringstream out;
-        out << *real;
-        return out.str();
+    if (std::optional<std::string> text = platform::UserDefaults::stringFromValue(value)) {
+        return *std::move(text);
     }
     return value.toXML();
 }
@@ -222,14 +210,23 @@ std::optional<platform::Error> QELBase::errorFromOSStatus(int32_t status)
     return platform::Error(QEL_OSSTATUS_ERROR_DOMAIN, status);
 }
 
-platform::Error QELBase::errorFromException(const platform::Exception& exception, int32_t handlerID)
+std::optional<platform::Error> QELBase::errorOfException(const platform::Exception& exception)
 {
     const auto& userInfo = exception.userInfo();
     const auto found = userInfo.find(QEL_ERROR_KEY);
-    if (found != userInfo.end()) {
-        if (const auto* carried = std::any_cast<platform::Error>(&found->second)) {
-            return *carried;
-        }
+    if (found == userInfo.end()) {
+        return std::nullopt;
+    }
+    if (const auto* carried = std::any_cast<platform::Error>(&found->second)) {
+        return *carried;
+    }
+    return std::nullopt;
+}
+
+platform::Error QELBase::errorFromException(const platform::Exception& exception, int32_t handlerID)
+{
+    if (std::optional<platform::Error> carried = errorOfException(exception)) {
+        return *std::move(carried);
     }
     return platform::Error(QEL_ERROR_DOMAIN, handlerID, platform::UserInfo{{QEL_OS_EXCEPTION_KEY, exception}});
 }
@@ -293,9 +290,5 @@ std::string QELBase::appType()
 
 std::string QELBase::pathToUs()
 {
-    const std::vector<std::string>& arguments = platform::ProcessInfo::arguments();
-    if (arguments.empty()) {
-        platform::Exception::raise(platform::kRangeException, "index 0 beyond bounds for empty array");
-    }
-    return arguments.front();
+    return platform::objectAtIndex(platform::ProcessInfo::arguments(), 0);
 }

@@ -45,6 +45,10 @@ public:
     static int32_t forceErrorCode();
     static int32_t forceErrorCodeSkipCount();
     static std::optional<platform::Error> errorFromOSStatus(int32_t status);
+    // The error an exception carries under QEL_ERROR_KEY (as the fatal
+    // exception does), or none when it carries no error there.
+    static std::optional<platform::Error> errorOfException(const platform::Exception& exception);
+    // The carried error, else a new error of handlerID wrapping the exception.
     static platform::Error errorFromException(const platform::Exception& exception, int32_t handlerID);
     static void handleRaise(const platform::Exception& exception, int32_t handlerID);
     static void logError(const platform::Error& error);

@@ -27,10 +27,7 @@ std::string userLibraryFolder()
 {
     const std::vector<std::string> folders = platform::searchPathForDirectoriesInDomains(
         platform::SearchPathDirectory::Library, platform::SearchPathDomainMask::User, true);
-    if (folders.empty()) {
-        platform::Exception::raise(platform::kRangeException, "index 0 beyond bounds for empty array");
-    }
-    return folders.front();
+    return platform::objectAtIndex(folders, 0);
 }
 
 // The text of a property-list value that must be text.
@@ -68,10 +65,7 @@ bool isStaleAgent(const std::string& plistPath)
     if (list == nullptr) {
         platform::Exception::raise(platform::kInvalidArgumentException, "ProgramArguments is not an array");
     }
-    if (list->empty()) {
-        platform::Exception::raise(platform::kRangeException, "index 0 beyond bounds for empty array");
-    }
-    const std::string& program = requireString(list->front(), "the first program argument");
+    const std::string& program = requireString(platform::objectAtIndex(*list, 0), "the first program argument");
     if (platform::hasPrefix(program, kOtherVolumesPrefix)) {
         return false;
     }
@@ -84,8 +78,8 @@ void installAgent(const std::string& bundlePath, const std::optional<std::string
     if (!appName) {
         platform::Exception::raise(platform::kInvalidArgumentException, "no application name to find the helper");
     }
-    const std::string helperPath = platform::appendingPathComponent(
-        platform::appendingPathComponent(bundlePath, kHelperFolder), *appName + kHelperSuffix);
+    const std::string helperPath =
+        platform::appendingPathComponents(bundlePath, {kHelperFolder, *appName + kHelperSuffix});
     const std::optional<platform::Bundle> helper = platform::Bundle::bundleWithPath(helperPath);
     const std::optional<std::string> executable = helper ? helper->executablePath() : std::nullopt;
     if (!executable) {

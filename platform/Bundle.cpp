@@ -86,8 +86,7 @@ std::optional<Bundle> Bundle::mainBundle()
 
 std::optional<PropertyList> Bundle::infoDictionary() const
 {
-    return PropertyList::dictionaryWithContentsOfFile(
-        appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Info.plist"));
+    return PropertyList::dictionaryWithContentsOfFile(appendingPathComponents(thePath, {"Contents", "Info.plist"}));
 }
 
 std::optional<PropertyList> Bundle::objectForInfoDictionaryKey(std::string_view key) const
@@ -121,7 +120,7 @@ std::optional<std::string> Bundle::pathForResource(std::string_view name, std::s
     if (!type.empty()) {
         fileName = appendingPathExtension(fileName, type);
     }
-    const std::string resources = appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Resources");
+    const std::string resources = appendingPathComponents(thePath, {"Contents", "Resources"});
     for (const std::string& folder : {resources, appendingPathComponent(resources, "English.lproj")}) {
         std::string candidate = appendingPathComponent(folder, fileName);
         if (exists(candidate)) {
@@ -133,10 +132,8 @@ std::optional<std::string> Bundle::pathForResource(std::string_view name, std::s
 
 std::string Bundle::localizedStringForKey(std::string_view key) const
 {
-    const std::string tablePath = appendingPathComponent(
-        appendingPathComponent(appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Resources"),
-                               "English.lproj"),
-        "Localizable.strings");
+    const std::string tablePath =
+        appendingPathComponents(thePath, {"Contents", "Resources", "English.lproj", "Localizable.strings"});
     // A bundle's strings table is read once per process and kept.
     static std::mutex cacheLock;
     static std::map<std::string, std::optional<StringsTable::Table>, std::less<>> cache;
@@ -161,8 +158,7 @@ std::optional<std::string> Bundle::executablePath() const
     if (!value || value->asString() == nullptr || value->asString()->empty()) {
         return std::nullopt;
     }
-    std::string path = appendingPathComponent(
-        appendingPathComponent(appendingPathComponent(thePath, "Contents"), "MacOS"), *value->asString());
+    std::string path = appendingPathComponents(thePath, {"Contents", "MacOS", *value->asString()});
     if (!exists(path)) {
         return std::nullopt;
     }
@@ -171,7 +167,7 @@ std::optional<std::string> Bundle::executablePath() const
 
 std::optional<std::string> Bundle::privateFrameworksPath() const
 {
-    return appendingPathComponent(appendingPathComponent(thePath, "Contents"), "Frameworks");
+    return appendingPathComponents(thePath, {"Contents", "Frameworks"});
 }
 
 }  // namespace platform

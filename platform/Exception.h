@@ -6,9 +6,11 @@
 #pragma once
 
 #include <any>
+#include <cstddef>
 #include <exception>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace platform {
 
@@ -38,5 +40,20 @@ private:
     std::string theReason;
     UserInfo theUserInfo;
 };
+
+// Raises kRangeException for an index past the end of a list of count
+// elements, with the reason a list gives: "index 1 beyond bounds [0 .. 0]",
+// or "index 0 beyond bounds for empty array" when the list is empty.
+[[noreturn]] void raiseIndexBeyondBounds(std::size_t index, std::size_t count);
+
+// The element at index, or the range exception above.
+template <typename Element>
+const Element& objectAtIndex(const std::vector<Element>& elements, std::size_t index)
+{
+    if (index >= elements.size()) {
+        raiseIndexBeyondBounds(index, elements.size());
+    }
+    return elements[index];
+}
 
 }  // namespace platform

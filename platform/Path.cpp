@@ -79,6 +79,15 @@ std::string appendingPathComponent(std::string_view path, std::string_view compo
     return standardizingSlashes(joined);
 }
 
+std::string appendingPathComponents(std::string_view path, std::initializer_list<std::string_view> components)
+{
+    std::string result(path);
+    for (const std::string_view component : components) {
+        result = appendingPathComponent(result, component);
+    }
+    return result;
+}
+
 std::string appendingPathExtension(std::string_view path, std::string_view extension)
 {
     std::string result = standardizingSlashes(path);

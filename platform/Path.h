@@ -3,6 +3,7 @@
 // a trailing slash dropped before the last component is removed, ...).
 #pragma once
 
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,6 +45,15 @@ std::string deletingLastPathComponent(std::string_view path);
 ///   appendingPathComponent("/tmp", "")     == "/tmp"
 /// @endcode
 std::string appendingPathComponent(std::string_view path, std::string_view component);
+
+/// Appends each component in turn, exactly as nested appendingPathComponent
+/// calls would.
+/// @code
+///   appendingPathComponents("/Apps/X.app", {"Contents", "Resources", "English.lproj"})
+///       == "/Apps/X.app/Contents/Resources/English.lproj"
+///   appendingPathComponents("/Apps/X.app/", {"", "Contents/"})  == "/Apps/X.app/Contents"
+/// @endcode
+std::string appendingPathComponents(std::string_view path, std::initializer_list<std::string_view> components);
 
 /// The path with "." and the extension after its last component.
 /// @code

@@ -1,6 +1,6 @@
 #include "platform/Scanner.h"
 
-#include "platform/UTF8Decode.h"
+#include "platform/UTF8.h"
 
 #include <utility>
 

@@ -1,53 +1,12 @@
 #include "platform/Text.h"
 
-#include "platform/UTF8Decode.h"
+#include "platform/UTF8.h"
 
+#include <array>
+#include <charconv>
 #include <limits>
 
 namespace platform {
-
-std::optional<DecodedCharacter> decodeUTF8At(std::string_view text, std::size_t position)
-{
-    if (position >= text.size()) {
-        return std::nullopt;
-    }
-    const auto lead = static_cast<unsigned char>(text[position]);
-    if (lead < 0x80) {
-        return DecodedCharacter{lead, 1};
-    }
-    std::size_t length = 0;
-    char32_t value = 0;
-    char32_t smallest = 0;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        length = 2;
-        value = lead & 0x1FU;
-        smallest = 0x80;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        length = 3;
-        value = lead & 0x0FU;
-        smallest = 0x800;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        length = 4;
-        value = lead & 0x07U;
-        smallest = 0x10000;
-    } else {
-        return std::nullopt;
-    }
-    if (text.size() - position < length) {
-        return std::nullopt;
-    }
-    for (std::size_t i = 1; i < length; ++i) {
-        const auto next = static_cast<unsigned char>(text[position + i]);
-        if ((next & 0xC0U) != 0x80U) {
-            return std::nullopt;
-        }
-        value = (value << 6U) | (next & 0x3FU);
-    }
-    if (value < smallest || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
-        return std::nullopt;
-    }
-    return DecodedCharacter{value, length};
-}
 
 std::vector<std::string> componentsSeparatedByString(std::string_view text, std::string_view separator)
 {
@@ -114,6 +73,19 @@ int32_t intValue(std::string_view text)
         return std::numeric_limits<int32_t>::min();
     }
     return static_cast<int32_t>(value);
+}
+
+std::string stringFromNumber(int64_t value)
+{
+    return std::to_string(value);
+}
+
+std::string stringFromNumber(double value)
+{
+    // Room for the longest shortest form, "-2.2250738585072014e-308".
+    std::array<char, 32> buffer{};
+    const auto written = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+    return std::string(buffer.data(), written.ptr);
 }
 
 std::optional<std::string> replacingPercentEscapes(std::string_view text)

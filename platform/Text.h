@@ -16,6 +16,11 @@ std::vector<std::string> componentsSeparatedByString(std::string_view text, std:
 // clamps to the 32-bit range.
 int64_t integerValue(std::string_view text);
 int32_t intValue(std::string_view text);
+// The decimal text a stored number reads as: an integer in full, a real in
+// the shortest form that reads back as the same value ("2.5", 1234567.0 gives
+// "1234567", 1e30 gives "1e+30").
+std::string stringFromNumber(int64_t value);
+std::string stringFromNumber(double value);
 // Percent escapes decoded as UTF-8: "A%20B" -> "A B". None when the decoded
 // bytes are not valid UTF-8.
 std::optional<std::string> replacingPercentEscapes(std::string_view text);

@@ -1,7 +1,5 @@
 #include "platform/UserDefaults.h"
 
-#include <array>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -19,11 +17,6 @@ namespace {
 bool isASCIILetter(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
-bool isKeyArgument(const std::string& argument)
-{
-    return argument.size() >= 2 && argument[0] == '-' && isASCIILetter(argument[1]);
 }
 
 // The stored domain's value for key; none when the file is missing, not a
@@ -65,6 +58,11 @@ UserDefaults& UserDefaults::standardUserDefaults()
 {
     static UserDefaults defaults;
     return defaults;
+}
+
+bool UserDefaults::isKeyArgument(std::string_view argument)
+{
+    return argument.size() >= 2 && argument[0] == '-' && isASCIILetter(argument[1]);
 }
 
 PropertyList::Dictionary UserDefaults::parseArgumentDomain(const std::vector<std::string>& arguments)
@@ -119,7 +117,7 @@ std::string UserDefaults::preferencesDirectory() const
             return *thePreferencesDirectoryForTesting;
         }
     }
-    return appendingPathComponent(appendingPathComponent(homeDirectory(), "Library"), "Preferences");
+    return appendingPathComponents(homeDirectory(), {"Library", "Preferences"});
 }
 
 void UserDefaults::setPreferencesDirectoryForTesting(std::optional<std::string> directory)
@@ -156,20 +154,23 @@ std::optional<std::string> UserDefaults::stringForKey(std::string_view key) cons
     if (!value) {
         return std::nullopt;
     }
-    if (const std::string* text = value->asString()) {
+    return stringFromValue(*value);
+}
+
+std::optional<std::string> UserDefaults::stringFromValue(const PropertyList& value)
+{
+    if (const std::string* text = value.asString()) {
         return *text;
     }
     // Numbers answer their text, as the settings store gives them.
-    if (const int64_t* number = value->asInteger()) {
-        return std::to_string(*number);
+    if (const int64_t* number = value.asInteger()) {
+        return stringFromNumber(*number);
     }
-    if (const bool* flag = value->asBoolean()) {
+    if (const bool* flag = value.asBoolean()) {
         return std::string(*flag ? "1" : "0");
     }
-    if (const double* real = value->asReal()) {
-        std::array<char, 32> buffer{};
-        const auto written = std::to_chars(buffer.data(), buffer.data() + buffer.size(), *real);
-        return std::string(buffer.data(), written.ptr);
+    if (const double* real = value.asReal()) {
+        return stringFromNumber(*real);
     }
     return std::nullopt;
 }

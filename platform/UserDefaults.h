@@ -28,6 +28,9 @@ public:
     // An integer, a real (truncated), a boolean (0/1) or a string read as
     // integerValue; 0 when missing or of another type.
     int64_t integerForKey(std::string_view key) const;
+    // What stringForKey makes of a stored value: a string stays itself, a
+    // number or boolean gives its text; none for other types.
+    static std::optional<std::string> stringFromValue(const PropertyList& value);
     // The argument domain on its own, string values only.
     const PropertyList::Dictionary& argumentDomain() const;
 
@@ -35,11 +38,15 @@ public:
     // (all after the program name). A front end with positional arguments
     // hands over just the part that holds settings.
     void setArgumentDomainFromArguments(const std::vector<std::string>& arguments);
-    // Parses "-Key value" pairs: an argument that is a hyphen followed by a
-    // letter is a key, the next argument its value; anything else is skipped.
-    // The value may itself begin with a hyphen; a key with no argument after
-    // it is ignored; a key given twice keeps its later value.
+    // Parses "-Key value" pairs: an argument that is a key (see isKeyArgument)
+    // is followed by its value; anything else is skipped. The value may itself
+    // begin with a hyphen; a key with no argument after it is ignored; a key
+    // given twice keeps its later value.
     static PropertyList::Dictionary parseArgumentDomain(const std::vector<std::string>& arguments);
+    // True for an argument that names a setting: a hyphen followed by an ASCII
+    // letter ("-LogLevel", "-a"), whatever follows. "-1", "--x", "-" and "-é"
+    // are not keys.
+    static bool isKeyArgument(std::string_view argument);
 
     // The folder the stored domains are read from: the home folder's
     // Library/Preferences (the home from the password database), unless a

@@ -54,18 +54,14 @@ constexpr char kInstallManagerLibrary[] = "CorvaneHOV.dylib";
 constexpr char kInstallManagerEntry[] = "hov_uninstallCorvaneApplicationManager";
 constexpr int kCurrentMajorVersion = 10;
 
-// The element at index, or the platform's out-of-range exception.
-const std::string& elementAt(const std::vector<std::string>& pieces, std::size_t index)
-{
-    if (index >= pieces.size()) {
-        platform::Exception::raise(platform::kRangeException,
-                                   "index " + std::to_string(index) +
-                                       (pieces.empty()
-                                            ? std::string(" beyond bounds for empty array")
-                                            : " beyond bounds [0 .. " + std::to_string(pieces.size() - 1) + "]"));
-    }
-    return pieces[index];
-}
+// Keys of the status words in the strings table; a key without a
+// translation prints as itself.
+constexpr char kStatusRemoved[] = "Removed";
+constexpr char kStatusErrorRemovingFile[] = "ErrorRemovingFile";
+constexpr char kStatusFileMissing[] = "FileMissing";
+constexpr char kStatusMissingDirectory[] = "MissingDirectory";
+constexpr char kStatusJEXUninstallSucceeded[] = "JEXUninstallSucceeded";
+constexpr char kStatusJEXUninstallFailed[] = "JEXUninstallFailed";
 
 // Appends text used as its own format template with no arguments: "%%"
 // becomes "%", and any other conversion, lacking an argument, stays as
@@ -122,8 +118,8 @@ void TFRemoverTool::run()
     const std::optional<std::string> fileListPath =
         mainBundle ? mainBundle->pathForResource("FileList", "txt") : std::nullopt;
     const std::optional<std::string> productLogPath = productInstallLogPath();
-    const std::string companionLogPath = platform::appendingPathComponent(
-        platform::appendingPathComponent(kInstallLogFolder, kCompanionIdentifier), kInstallLogName);
+    const std::string companionLogPath =
+        platform::appendingPathComponents(kInstallLogFolder, {kCompanionIdentifier, kInstallLogName});
 
     removeInstallLog(productLogPath, &tag);
     removeInstallLog(companionLogPath, &tag);
@@ -150,8 +146,7 @@ std::optional<std::string> TFRemoverTool::productInstallLogPath() const
     if (!identifier) {
         return std::nullopt;
     }
-    return platform::appendingPathComponent(platform::appendingPathComponent(kInstallLogFolder, *identifier),
-                                            kInstallLogName);
+    return platform::appendingPathComponents(kInstallLogFolder, {*identifier, kInstallLogName});
 }
 
 void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag)
@@ -161,7 +156,7 @@ void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath, 
         return;
     }
     listToDelete(*logPath);
-    printStatus(destroyItem(*logPath, tag) ? "Removed" : "ErrorRemovingFile", *logPath);
+    destroyAndReport(*logPath, tag);
 }
 
 void TFRemoverTool::listToDelete(const std::string& listPath)
@@ -200,9 +195,9 @@ void TFRemoverTool::listToDelete(const std::string& listPath)
             if (!skip) {
                 bool isDirectory = false;
                 if (FileManager::defaultManager().fileExistsAtPath(path, &isDirectory)) {
-                    printStatus(destroyItem(path, &tag) ? "Removed" : "ErrorRemovingFile", path);
+                    destroyAndReport(path, &tag);
                 } else {
-                    printStatus("FileMissing", path);
+                    printStatus(kStatusFileMissing, path);
                 }
             }
             if (!pluginMayGo) {
@@ -214,7 +209,7 @@ void TFRemoverTool::listToDelete(const std::string& listPath)
                 }
             }
         } catch (const platform::Exception& exception) {
-            std::printf("Exception:  %s \n", exception.description().c_str());
+            std::fprintf(theOutput, "Exception:  %s \n", exception.description().c_str());
         }
     }
 }
@@ -240,7 +235,7 @@ bool TFRemoverTool::shouldDeleteBrowserPlugin()
         return false;
     }
     const std::vector<std::string> pieces = platform::componentsSeparatedByString(*url, kFileURLPrefix);
-    return theAppPath && elementAt(pieces, 1) == *theAppPath + "/";
+    return theAppPath && platform::objectAtIndex(pieces, 1) == *theAppPath + "/";
 }
 
 bool TFRemoverTool::bundleVersionIsCurrent(const std::string& bundlePath)
@@ -268,13 +263,13 @@ void TFRemoverTool::forgetPkgId(const std::string& pattern)
 std::string TFRemoverTool::obtainVolume()
 {
     const std::vector<std::string> pieces = platform::componentsSeparatedByString(theAppPath.value_or(""), "/");
-    if (elementAt(pieces, 1) != "Volumes") {
+    if (platform::objectAtIndex(pieces, 1) != "Volumes") {
         return "/";
     }
     // Put together as "/" + name, then "Volumes" + that, then "/" + that;
     // the appended texts serve as their own format templates.
-    const std::string name = appendingFormatWithoutArguments("/", elementAt(pieces, 2));
-    const std::string volumes = elementAt(pieces, 1) + name;
+    const std::string name = appendingFormatWithoutArguments("/", platform::objectAtIndex(pieces, 2));
+    const std::string volumes = platform::objectAtIndex(pieces, 1) + name;
     return appendingFormatWithoutArguments("/", volumes);
 }
 
@@ -296,7 +291,7 @@ void TFRemoverTool::deletePrintComponents()
     int32_t tag = 0;
     for (const char* component : kPrintComponents) {
         if (!FileManager::defaultManager().fileExistsAtPath(component)) {
-            printStatus("FileMissing", component);
+            printStatus(kStatusFileMissing, component);
             continue;
         }
         // A component of another version is not ours to delete; it stays
@@ -304,7 +299,7 @@ void TFRemoverTool::deletePrintComponents()
         if (!bundleVersionIsCurrent(component)) {
             continue;
         }
-        printStatus(destroyItem(component, &tag) ? "Removed" : "ErrorRemovingFile", component);
+        destroyAndReport(component, &tag);
     }
 }
 
@@ -318,9 +313,9 @@ void TFRemoverTool::removeIconForFolder(const std::string& path)
         if (Workspace::sharedWorkspace().setIcon(nullptr, path, 0)) {
             return;
         }
-        std::printf("Cannot remove the image for %s.\n", path.c_str());
+        std::fprintf(theOutput, "Cannot remove the image for %s.\n", path.c_str());
     } catch (const platform::Exception& exception) {
-        std::printf("Exception caught: %s. Could not handle the image data.\n", exception.reason().c_str());
+        std::fprintf(theOutput, "Exception caught: %s. Could not handle the image data.\n", exception.reason().c_str());
     }
 }
 
@@ -329,45 +324,45 @@ void TFRemoverTool::deleteParentFolder(const std::string& path)
     const FileManager& fileManager = FileManager::defaultManager();
     bool isDirectory = false;
     if (!fileManager.fileExistsAtPath(path, &isDirectory)) {
-        printStatus("FileMissing", path);
+        printStatus(kStatusFileMissing, path);
         return;
     }
     if (!isDirectory) {
-        printStatus("MissingDirectory", path);
+        printStatus(kStatusMissingDirectory, path);
         return;
     }
     // Every entry counts, hidden or not: nothing is removed to make the
     // folder empty.
     const std::optional<std::vector<std::string>> contents = fileManager.contentsOfDirectoryAtPath(path);
     const bool removed = contents && contents->empty() && fileManager.removeItemAtPath(path);
-    printStatus(removed ? "Removed" : "ErrorRemovingFile", path);
+    printStatus(removed ? kStatusRemoved : kStatusErrorRemovingFile, path);
 }
 
 void TFRemoverTool::uninstallJEX()
 {
     int32_t tag = 0;
     // No existence test first: the destroy operation's own result decides.
-    printStatus(destroyItem(kApplicationManagerReference, &tag) ? "Removed" : "ErrorRemovingFile",
-                kApplicationManagerReference);
+    destroyAndReport(kApplicationManagerReference, &tag);
 
     const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
     if (!mainBundle) {
-        printStatus("JEXUninstallFailed", "MISSING_BUNDLE");
+        printStatus(kStatusJEXUninstallFailed, "MISSING_BUNDLE");
         return;
     }
     const std::optional<std::string> frameworks = mainBundle->privateFrameworksPath();
     if (!frameworks) {
-        printStatus("JEXUninstallFailed", "MISSING_FRAMEWORKS");
+        printStatus(kStatusJEXUninstallFailed, "MISSING_FRAMEWORKS");
         return;
     }
     const std::string libraryPath = platform::appendingPathComponent(*frameworks, kInstallManagerLibrary);
     if (!FileManager::defaultManager().fileExistsAtPath(libraryPath)) {
-        std::printf("%s %s:%s.\n", statusWord("JEXUninstallFailed").c_str(), "MISSING_CORVANEHOV", libraryPath.c_str());
+        std::fprintf(theOutput, "%s %s:%s.\n", statusWord(kStatusJEXUninstallFailed).c_str(), "MISSING_CORVANEHOV",
+                     libraryPath.c_str());
         return;
     }
     void* library = dlopen(libraryPath.c_str(), RTLD_LAZY);
     if (library == nullptr) {
-        printStatus("JEXUninstallFailed", "NULL_HANDLE_TO_CORVANEHOV");
+        printStatus(kStatusJEXUninstallFailed, "NULL_HANDLE_TO_CORVANEHOV");
         return;
     }
     // A library without the entry point is closed again without a word.
@@ -380,9 +375,9 @@ void TFRemoverTool::uninstallJEX()
     int32_t detail = 0;
     const int32_t status = _hov_uninstallCorvaneApplicationManager(&detail);
     if (const char* name = failingStatusName(status)) {
-        printStatus("JEXUninstallFailed", name);
+        printStatus(kStatusJEXUninstallFailed, name);
     } else {
-        std::puts(statusWord("JEXUninstallSucceeded").c_str());
+        std::fprintf(theOutput, "%s\n", statusWord(kStatusJEXUninstallSucceeded).c_str());
     }
     dlclose(library);
 }
@@ -405,8 +400,8 @@ void TFRemoverTool::removeQELLaunchdAgent()
         succeeded = false;
     }
     // "Removed" says the removal ran to its end, not that a file went.
-    std::printf("%s %s.\n", statusWord(succeeded ? "Removed" : "ErrorRemovingFile").c_str(),
-                platform::utf8StringOrNull(plistPath));
+    std::fprintf(theOutput, "%s %s.\n", statusWord(succeeded ? kStatusRemoved : kStatusErrorRemovingFile).c_str(),
+                 platform::utf8StringOrNull(plistPath));
 }
 
 bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
@@ -422,7 +417,12 @@ std::string TFRemoverTool::statusWord(const char* key)
     return mainBundle ? mainBundle->localizedStringForKey(key) : std::string(key);
 }
 
-void TFRemoverTool::printStatus(const char* key, const std::string& subject)
+void TFRemoverTool::destroyAndReport(const std::string& path, int32_t* tag) const
 {
-    std::printf("%s %s.\n", statusWord(key).c_str(), subject.c_str());
+    printStatus(destroyItem(path, tag) ? kStatusRemoved : kStatusErrorRemovingFile, path);
+}
+
+void TFRemoverTool::printStatus(const char* key, const std::string& subject) const
+{
+    std::fprintf(theOutput, "%s %s.\n", statusWord(key).c_str(), subject.c_str());
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
 
@@ -19,6 +20,11 @@ public:
     void setAppPath(const std::string& path);
     // The whole removal sequence, each step once, in order.
     void run();
+    // Where the status lines go: standard output unless a test hands over
+    // another open stream, which must outlive the tool. Standard output is
+    // flushed before every child process starts (see platform::Task), so its
+    // lines keep their order when it is a file shared with the children.
+    void setOutput(std::FILE* output) noexcept { theOutput = output; }
 
     // Install logs and the bundle's own list.
     // Removes every path a list file names, keeping the browser plug-in and
@@ -57,10 +63,13 @@ public:
 private:
     // Prints "<status word> <subject>.\n", the word looked up by key in the
     // main bundle's strings table (the key itself where there is none).
-    static void printStatus(const char* key, const std::string& subject);
+    void printStatus(const char* key, const std::string& subject) const;
     static std::string statusWord(const char* key);
     // Destroys the item at path through the workspace; true on success.
     static bool destroyItem(const std::string& path, int32_t* tag);
+    // Destroys the item at path and prints "Removed" or "ErrorRemovingFile"
+    // for it.
+    void destroyAndReport(const std::string& path, int32_t* tag) const;
     // An install log: its entries, then the log itself. Silent when missing.
     void removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag);
     // The product's install log, named by the application bundle's
@@ -70,6 +79,7 @@ private:
 
     std::optional<std::string> theAppParentPath;
     std::optional<std::string> theAppPath;
+    std::FILE* theOutput = stdout;
 };
 
 // The library's entry point as last resolved by uninstallJEX. The name is the

@@ -24,12 +24,8 @@ std::string encountered(int code)
 // The code of the error a fatal exception carries, or -1 without one.
 int carriedCode(const platform::Exception& exception)
 {
-    const auto found = exception.userInfo().find(QEL_ERROR_KEY);
-    if (found == exception.userInfo().end()) {
-        return -1;
-    }
-    const auto* error = std::any_cast<platform::Error>(&found->second);
-    return error != nullptr ? error->code() : -1;
+    const std::optional<platform::Error> error = QELBase::errorOfException(exception);
+    return error ? error->code() : -1;
 }
 
 platform::Exception caughtFatalRaise(int code)
@@ -220,6 +216,25 @@ TEST_F(ErrorModel, ErrorFromExceptionIgnoresAnErrorKeyThatHoldsNoError)
     EXPECT_EQ(error.domain(), "com.corvane.QEL");
     EXPECT_EQ(error.code(), 1881);
     EXPECT_EQ(error.userInfo().count("QELOSExceptionKey"), 1U);
+}
+
+TEST_F(ErrorModel, ErrorOfExceptionIsTheErrorUnderTheErrorKey)
+{
+    const platform::Exception fatal("QELFatalException", "Stopping due to error",
+                                    platform::UserInfo{{"QELErrorKey", platform::Error("com.corvane.QEL", 1874)}});
+    const std::optional<platform::Error> error = QELBase::errorOfException(fatal);
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->domain(), "com.corvane.QEL");
+    EXPECT_EQ(error->code(), 1874);
+}
+
+TEST_F(ErrorModel, ErrorOfExceptionIsNoneWithoutAnErrorUnderTheErrorKey)
+{
+    EXPECT_FALSE(QELBase::errorOfException(platform::Exception("QELFatalException", "Stopping due to error")));
+    EXPECT_FALSE(QELBase::errorOfException(
+        platform::Exception("Odd", "odd", platform::UserInfo{{"QELErrorKey", std::string("not an error")}})));
+    EXPECT_FALSE(QELBase::errorOfException(platform::Exception(
+        "Odd", "odd", platform::UserInfo{{"QELOSExceptionKey", platform::Error("com.corvane.QEL", 1874)}})));
 }
 
 TEST_F(ErrorModel, HandleRaiseWithANonFatalExceptionLeavesThePriorErrorEmpty)

@@ -128,4 +128,13 @@ TEST(Settings, BundlesAppTypeIsUsedInACopiedBundle)
     EXPECT_EQ(result.standardOutput, "Lumidoc Copy\n");
 }
 
+TEST(Settings, BundlesAppTypeThatIsANumberIsUsedAsItsText)
+{
+    Sandbox sandbox;
+    useBundleCopyWith(sandbox, "\t<key>AppType</key>\n\t<real>1234567.0</real>\n");
+    const RunResult result = runQelutil(sandbox, {"app-type"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "1234567\n");
+}
+
 }  // namespace

@@ -14,6 +14,7 @@
 namespace {
 
 using platform::appendingPathComponent;
+using platform::appendingPathComponents;
 using platform::appendingPathExtension;
 using platform::deletingLastPathComponent;
 using platform::expandingTildeInPath;
@@ -138,6 +139,35 @@ TEST(AppendingPathComponent, KeepsATrailingCarriageReturnInTheComponent)
 TEST(AppendingPathComponent, KeepsSpacesAndNonAsciiBytes)
 {
     EXPECT_EQ(appendingPathComponent("/tmp", " a b \xC3\xA9 "), "/tmp/ a b \xC3\xA9 ");
+}
+
+TEST(AppendingPathComponents, JoinsEachComponentInTurn)
+{
+    EXPECT_EQ(appendingPathComponents("/Apps/X.app", {"Contents", "Resources", "English.lproj"}),
+              "/Apps/X.app/Contents/Resources/English.lproj");
+    EXPECT_EQ(appendingPathComponents("", {"a", "b"}), "a/b");
+    EXPECT_EQ(appendingPathComponents("/", {"Library", "Preferences"}), "/Library/Preferences");
+}
+
+TEST(AppendingPathComponents, GivesWhatNestedSingleAppendsGive)
+{
+    const std::string path = "/Apps//X.app/";
+    const std::string nested = appendingPathComponent(
+        appendingPathComponent(appendingPathComponent(path, ""), "Contents/"), "name\r with \xC3\xA9");
+    EXPECT_EQ(appendingPathComponents(path, {"", "Contents/", "name\r with \xC3\xA9"}), nested);
+    EXPECT_EQ(nested, "/Apps/X.app/Contents/name\r with \xC3\xA9");
+}
+
+TEST(AppendingPathComponents, TakesComponentsThatAreMadeOnTheSpot)
+{
+    const std::string name = "Lumidoc";
+    EXPECT_EQ(appendingPathComponents("/Apps", {name + " Updater Helper.app", "Contents"}),
+              "/Apps/Lumidoc Updater Helper.app/Contents");
+}
+
+TEST(AppendingPathComponents, WithNoComponentsLeavesThePathAsWritten)
+{
+    EXPECT_EQ(appendingPathComponents("/tmp//x/", {}), "/tmp//x/");
 }
 
 TEST(AppendingPathExtension, AddsDotAndExtensionAfterExistingExtension)

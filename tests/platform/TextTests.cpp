@@ -18,6 +18,7 @@ using platform::integerValue;
 using platform::intValue;
 using platform::isValidUTF8;
 using platform::replacingPercentEscapes;
+using platform::stringFromNumber;
 using platform::utf8StringOrNull;
 
 TEST(ComponentsSeparatedByString, KeepsEmptyComponentsAtEndsAndBetweenSeparators)
@@ -78,6 +79,32 @@ TEST(IntegerValue, SaturatesPastThe64BitRange)
     EXPECT_EQ(integerValue("9223372036854775808"), std::numeric_limits<int64_t>::max());
     EXPECT_EQ(integerValue("123456789012345678901234567890"), std::numeric_limits<int64_t>::max());
     EXPECT_EQ(integerValue("-9223372036854775809"), std::numeric_limits<int64_t>::min());
+}
+
+TEST(StringFromNumber, WritesIntegersInFull)
+{
+    EXPECT_EQ(stringFromNumber(int64_t{42}), "42");
+    EXPECT_EQ(stringFromNumber(int64_t{-7}), "-7");
+    EXPECT_EQ(stringFromNumber(std::numeric_limits<int64_t>::min()), "-9223372036854775808");
+}
+
+TEST(StringFromNumber, WritesARealInItsShortestExactForm)
+{
+    EXPECT_EQ(stringFromNumber(2.5), "2.5");
+    EXPECT_EQ(stringFromNumber(0.1), "0.1");
+    EXPECT_EQ(stringFromNumber(-2.9), "-2.9");
+    EXPECT_EQ(stringFromNumber(10.0), "10");
+}
+
+TEST(StringFromNumber, AWholeRealOfSevenDigitsKeepsEveryDigit)
+{
+    EXPECT_EQ(stringFromNumber(1234567.0), "1234567");
+}
+
+TEST(StringFromNumber, AVeryLargeOrSmallRealUsesAnExponent)
+{
+    EXPECT_EQ(stringFromNumber(1e30), "1e+30");
+    EXPECT_EQ(stringFromNumber(-2.2250738585072014e-308), "-2.2250738585072014e-308");
 }
 
 TEST(IntValue, ReadsLikeIntegerValue)

@@ -89,6 +89,20 @@ TEST(UserDefaultsArguments, KeyGivenTwiceKeepsTheLaterValue)
     EXPECT_EQ(PropertyList::dictionary(domain), PropertyList::dictionary(strings({{"A", "2"}})));
 }
 
+TEST(UserDefaultsArguments, AKeyIsAHyphenAndAnAsciiLetter)
+{
+    EXPECT_TRUE(UserDefaults::isKeyArgument("-LogLevel"));
+    EXPECT_TRUE(UserDefaults::isKeyArgument("-a"));
+    EXPECT_TRUE(UserDefaults::isKeyArgument("-Z9"));
+    EXPECT_FALSE(UserDefaults::isKeyArgument("-1"));
+    EXPECT_FALSE(UserDefaults::isKeyArgument("--x"));
+    EXPECT_FALSE(UserDefaults::isKeyArgument("-"));
+    EXPECT_FALSE(UserDefaults::isKeyArgument(""));
+    EXPECT_FALSE(UserDefaults::isKeyArgument("Key"));
+    EXPECT_FALSE(UserDefaults::isKeyArgument("-\xC3\xA9"));
+    EXPECT_FALSE(UserDefaults::isKeyArgument("-_x"));
+}
+
 TEST(UserDefaultsArguments, ArgumentDomainComesFromProcessArgumentsAfterTheProgramName)
 {
     if (testsupport::environmentValue(kChildVariable).empty()) {
@@ -168,6 +182,15 @@ TEST_F(UserDefaultsTest, StringForKeyAnswersTextAndTheTextOfNumbers)
     EXPECT_FALSE(defaults().stringForKey("List").has_value());
     EXPECT_FALSE(defaults().stringForKey("Missing").has_value());
     EXPECT_EQ(defaults().objectForKey("Number"), PropertyList::integer(3));
+}
+
+TEST(UserDefaultsValues, StringFromValueGivesTheTextOfNumbersAndBooleans)
+{
+    EXPECT_EQ(UserDefaults::stringFromValue(PropertyList::string("words")), "words");
+    EXPECT_EQ(UserDefaults::stringFromValue(PropertyList::integer(-3)), "-3");
+    EXPECT_EQ(UserDefaults::stringFromValue(PropertyList::real(1234567.0)), "1234567");
+    EXPECT_EQ(UserDefaults::stringFromValue(PropertyList::boolean(false)), "0");
+    EXPECT_FALSE(UserDefaults::stringFromValue(PropertyList::dictionary({})).has_value());
 }
 
 TEST_F(UserDefaultsTest, IntegerForKeyConvertsNumbersBooleansAndStrings)

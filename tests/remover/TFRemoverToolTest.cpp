@@ -19,13 +19,40 @@ using testsupport::writeFile;
 
 namespace {
 
-std::string runCapturingOutput(const std::function<void()>& body)
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+// Points the remover at a stream while it lives, then back at standard output.
+class OutputRedirect {
+public:
+    OutputRedirect(TFRemoverTool& remover, std::FILE* stream) : theRemover(remover) { remover.setOutput(stream); }
+    ~OutputRedirect() { theRemover.setOutput(stdout); }
+    OutputRedirect(const OutputRedirect&) = delete;
+    OutputRedirect& operator=(const OutputRedirect&) = delete;
+
+private:
+    TFRemoverTool& theRemover;
+};
+
+// Everything the remover prints while body runs, through a stream of its own.
+std::string outputOf(TFRemoverTool& remover, const std::function<void()>& body)
 {
-    std::fflush(stdout);
-    testing::internal::CaptureStdout();
-    body();
-    std::fflush(stdout);
-    return testing::internal::GetCapturedStdout();
+    const std::unique_ptr<std::FILE, FileCloser> stream(std::tmpfile());
+    if (!stream) {
+        ADD_FAILURE() << "no temporary stream";
+        return "";
+    }
+    {
+        const OutputRedirect redirect(remover, stream.get());
+        body();
+    }
+    std::string text;
+    std::rewind(stream.get());
+    for (int c = std::fgetc(stream.get()); c != EOF; c = std::fgetc(stream.get())) {
+        text.push_back(static_cast<char>(c));
+    }
+    return text;
 }
 
 bool exists(const std::string& path)
@@ -162,7 +189,7 @@ class BundleVersionTest : public testing::Test {
 protected:
     std::string bundleWithVersion(const std::string& version)
     {
-        const std::string path = dir.at("Component.app");
+        std::string path = dir.at("Component.app");
         writeFile(path + "/Contents/Info.plist",
                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                   "<key>CFBundleVersion</key><string>" +
@@ -233,7 +260,7 @@ protected:
     std::string run(const std::string& listText)
     {
         writeFile(listPath, listText);
-        return runCapturingOutput([&] { remover.listToDelete(listPath); });
+        return outputOf(remover, [&] { remover.listToDelete(listPath); });
     }
     TempDir dir;
     std::string listPath = dir.at("lists/uninstall.log");
@@ -243,7 +270,7 @@ protected:
 
 TEST_F(ListToDeleteTest, UnreadableListPrintsNothing)
 {
-    EXPECT_EQ(runCapturingOutput([&] { remover.listToDelete(dir.at("no-such.log")); }), "");
+    EXPECT_EQ(outputOf(remover, [&] { remover.listToDelete(dir.at("no-such.log")); }), "");
 }
 
 TEST_F(ListToDeleteTest, BlankLinesOnlyPrintNothing)
@@ -340,7 +367,7 @@ TEST(RemoveIconForFolder, PlatformExceptionPrintsTheCaughtLineAndReturns)
     ThrowingWorkspace workspace([] { platform::Exception::raise("TestException", "icon refused"); });
     const WorkspaceOverride override(&workspace);
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.removeIconForFolder(dir.path()); }),
+    EXPECT_EQ(outputOf(remover, [&] { remover.removeIconForFolder(dir.path()); }),
               "Exception caught: icon refused. Could not handle the image data.\n");
 }
 
@@ -352,10 +379,11 @@ TEST(RemoveIconForFolder, ExceptionWhileClearingLeavesTheFolderStepToRunAsUsual)
     const WorkspaceOverride override(&workspace);
     TFRemoverTool remover;
     // The two calls the sequence makes for the application folder, in order.
-    EXPECT_EQ(runCapturingOutput([&] {
-                  remover.removeIconForFolder(dir.at("App"));
-                  remover.deleteParentFolder(dir.at("App"));
-              }),
+    EXPECT_EQ(outputOf(remover,
+                       [&] {
+                           remover.removeIconForFolder(dir.at("App"));
+                           remover.deleteParentFolder(dir.at("App"));
+                       }),
               "Exception caught: no image data. Could not handle the image data.\nRemoved " + dir.at("App") + ".\n");
     EXPECT_FALSE(exists(dir.at("App")));
 }
@@ -374,7 +402,7 @@ TEST(RemoveIconForFolder, IconThatCannotBeRemovedIsReported)
     TempDir dir;
     writeFile(dir.at("Icon\r/inside"), "a folder where the icon file should be");
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.removeIconForFolder(dir.path()); }),
+    EXPECT_EQ(outputOf(remover, [&] { remover.removeIconForFolder(dir.path()); }),
               "Cannot remove the image for " + dir.path() + ".\n");
 }
 
@@ -383,7 +411,7 @@ TEST(RemoveIconForFolder, CustomIconIsCleared)
     TempDir dir;
     writeFile(dir.at("Icon\r"), "icon");
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.removeIconForFolder(dir.path()); }), "");
+    EXPECT_EQ(outputOf(remover, [&] { remover.removeIconForFolder(dir.path()); }), "");
     EXPECT_FALSE(exists(dir.at("Icon\r")));
 }
 
@@ -392,7 +420,7 @@ TEST(DeleteParentFolder, FolderHoldingOnlyAHiddenFileStays)
     TempDir dir;
     writeFile(dir.at("App/.hidden"), "");
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+    EXPECT_EQ(outputOf(remover, [&] { remover.deleteParentFolder(dir.at("App")); }),
               "ErrorRemovingFile " + dir.at("App") + ".\n");
     EXPECT_TRUE(exists(dir.at("App/.hidden")));
 }
@@ -402,7 +430,7 @@ TEST(DeleteParentFolder, EmptyFolderIsRemoved)
     TempDir dir;
     std::filesystem::create_directory(dir.at("App"));
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+    EXPECT_EQ(outputOf(remover, [&] { remover.deleteParentFolder(dir.at("App")); }),
               "Removed " + dir.at("App") + ".\n");
     EXPECT_FALSE(exists(dir.at("App")));
 }
@@ -412,7 +440,7 @@ TEST(DeleteParentFolder, PlainFileIsReportedAsMissingDirectoryAndStays)
     TempDir dir;
     writeFile(dir.at("App"), "");
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+    EXPECT_EQ(outputOf(remover, [&] { remover.deleteParentFolder(dir.at("App")); }),
               "MissingDirectory " + dir.at("App") + ".\n");
     EXPECT_TRUE(exists(dir.at("App")));
 }
@@ -421,6 +449,6 @@ TEST(DeleteParentFolder, MissingFolderIsReportedMissing)
 {
     TempDir dir;
     TFRemoverTool remover;
-    EXPECT_EQ(runCapturingOutput([&] { remover.deleteParentFolder(dir.at("App")); }),
+    EXPECT_EQ(outputOf(remover, [&] { remover.deleteParentFolder(dir.at("App")); }),
               "FileMissing " + dir.at("App") + ".\n");
 }

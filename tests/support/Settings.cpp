@@ -1,8 +1,9 @@
 #include "tests/support/Settings.h"
 
-#include <any>
+#include <optional>
 #include <gtest/gtest.h>
 
+#include "base/QELBase.h"
 #include "base/QELBaseConstants.h"
 #include "platform/Error.h"
 #include "platform/Exception.h"
@@ -21,12 +22,8 @@ int32_t fatalErrorCodeRaisedBy(const std::function<void()>& fn)
         fn();
     } catch (const platform::Exception& exception) {
         EXPECT_EQ(exception.name(), QEL_FATAL_EXCEPTION_NAME);
-        const auto found = exception.userInfo().find(QEL_ERROR_KEY);
-        if (found == exception.userInfo().end()) {
-            return 0;
-        }
-        const auto* error = std::any_cast<platform::Error>(&found->second);
-        return error != nullptr ? error->code() : 0;
+        const std::optional<platform::Error> error = QELBase::errorOfException(exception);
+        return error ? error->code() : 0;
     }
     ADD_FAILURE() << "nothing was raised";
     return 0;

@@ -3,7 +3,7 @@
 //   qelutil COMMAND [ARGUMENT ...] [-Key value ...]
 //
 // Positional arguments come first. Everything from the first argument that
-// is a hyphen followed by a letter on is handed to the user defaults'
+// is a hyphen followed by an ASCII letter on is handed to the user defaults'
 // argument domain, so "log -1 MESSAGE" still reads -1 as a level while
 // "-ForceError 1874 -LogLevel 1 -AppType X" are settings.
 //
@@ -13,12 +13,12 @@
 // exception escapes (the code of the error it carries, 0 without one); 71
 // with "QELNonFatalException" when the non-fatal one escapes. Any other
 // platform exception that escapes prints "<name>: <reason>" and exits 70.
-#include <any>
-#include <cctype>
 #include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "base/QELBase.h"
 #include "base/QELBaseConstants.h"
 #include "platform/Error.h"
 #include "platform/Exception.h"
@@ -27,11 +27,6 @@
 #include "tools/qelutil/CommandRegistry.h"
 
 namespace {
-
-bool isSettingKey(const std::string& argument)
-{
-    return argument.size() >= 2 && argument[0] == '-' && std::isalpha(static_cast<unsigned char>(argument[1])) != 0;
-}
 
 void printUsage(const qelutil::Command* command)
 {
@@ -45,17 +40,6 @@ void printUsage(const qelutil::Command* command)
     }
 }
 
-int32_t carriedErrorCode(const platform::Exception& exception)
-{
-    const auto& userInfo = exception.userInfo();
-    const auto found = userInfo.find(QEL_ERROR_KEY);
-    if (found == userInfo.end()) {
-        return 0;
-    }
-    const auto* error = std::any_cast<platform::Error>(&found->second);
-    return error != nullptr ? error->code() : 0;
-}
-
 int runCommand(const qelutil::Command& command, const std::vector<std::string>& positional)
 {
     try {
@@ -67,7 +51,8 @@ int runCommand(const qelutil::Command& command, const std::vector<std::string>& 
     } catch (const platform::Exception& exception) {
         std::fflush(stdout);
         if (exception.name() == QEL_FATAL_EXCEPTION_NAME) {
-            std::fprintf(stderr, "%s %d\n", QEL_FATAL_EXCEPTION_NAME, carriedErrorCode(exception));
+            const std::optional<platform::Error> carried = QELBase::errorOfException(exception);
+            std::fprintf(stderr, "%s %d\n", QEL_FATAL_EXCEPTION_NAME, carried ? carried->code() : 0);
             return qelutil::kExitFatalException;
         }
         if (exception.name() == QEL_NON_FATAL_EXCEPTION_NAME) {
@@ -89,7 +74,7 @@ int main(int argc, char** argv)
     std::vector<std::string> settings;
     for (int i = 1; i < argc; ++i) {
         std::string argument = argv[i];
-        if (!settings.empty() || isSettingKey(argument)) {
+        if (!settings.empty() || platform::UserDefaults::isKeyArgument(argument)) {
             settings.push_back(std::move(argument));
         } else {
             positional.push_back(std::move(argument));
