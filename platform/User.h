@@ -14,6 +14,9 @@ enum class SearchPathDomainMask : unsigned { User = 1 };
 std::string userName();
 std::string homeDirectory();
 std::optional<std::string> homeDirectoryForUser(const std::string& name);
+// The home folder of every account in the password database, as recorded
+// there (whether or not it exists).
+std::vector<std::string> homeDirectoriesOfAllUsers();
 // For (Library, User): one entry, home + "/Library" (with expandTilde false:
 // "~/Library"). Other combinations give an empty list.
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,
