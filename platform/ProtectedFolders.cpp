@@ -305,10 +305,8 @@ std::optional<std::string> ProtectedFolders::reasonToRefusePath(const std::strin
     if (trimmed.empty()) {
         return std::nullopt;
     }
-    std::string resolvedPath;
-    if (trimmed == "/") {
-        resolvedPath = "/";
-    } else {
+    std::string resolvedPath(1, '/');
+    if (trimmed != "/") {
         const auto slash = trimmed.rfind('/');
         const std::string folder =
             slash == std::string::npos ? std::string(".") : (slash == 0 ? std::string("/") : trimmed.substr(0, slash));
