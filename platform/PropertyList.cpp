@@ -5,10 +5,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
-#include <unordered_set>
 #include <utility>
 #include <variant>
 
+#include "platform/BinaryPropertyListReader.h"
 #include "platform/FileManager.h"
 
 namespace platform {
@@ -38,6 +38,10 @@ struct PlistFree {
 };
 using PlistHandle = std::unique_ptr<void, PlistFree>;
 
+// Only trees libplist parsed from XML come here. Its getters assert that the
+// length they recorded matches what they return; the XML parser keeps that
+// true: it makes every dictionary key with plist_new_key (the key's length is
+// its strlen) and gives every scalar its own fixed length.
 std::optional<PropertyList> fromNode(plist_t node, int depth);
 
 std::optional<PropertyList> arrayFromNode(plist_t node, int depth)
@@ -63,7 +67,6 @@ std::optional<PropertyList> dictionaryFromNode(plist_t node, int depth)
     if (iter == nullptr) {
         return std::nullopt;
     }
-    std::optional<PropertyList> result;
     bool failed = false;
     for (;;) {
         char* key = nullptr;
@@ -119,7 +122,12 @@ std::optional<PropertyList> fromNode(plist_t node, int depth)
     case PLIST_STRING: {
         uint64_t length = 0;
         const char* text = plist_get_string_ptr(node, &length);
-        return PropertyList::string(text != nullptr ? std::string(text, length) : std::string());
+        std::string value = text != nullptr ? std::string(text, length) : std::string();
+        // Text holding NUL cannot be a name or a path: the file is damaged.
+        if (value.find('\0') != std::string::npos) {
+            return std::nullopt;
+        }
+        return PropertyList::string(std::move(value));
     }
     case PLIST_DATA: {
         uint64_t length = 0;
@@ -143,66 +151,19 @@ std::optional<PropertyList> fromNode(plist_t node, int depth)
     }
 }
 
-// A big-endian unsigned number of width bytes at offset; none when it does
-// not fit in bytes.
-std::optional<uint64_t> bigEndianAt(std::string_view bytes, uint64_t offset, uint64_t width)
+// libplist frees (and copies) its trees recursively, and a few hundred
+// thousand nested containers overflow the stack. Every array or dictionary it
+// reads from XML starts with the literal text "<array" or "<dict", so their
+// count bounds the nesting it can build; no file this program reads comes
+// near the limit.
+bool xmlContainerCountIsBounded(std::string_view bytes)
 {
-    if (width == 0 || width > 8 || offset > bytes.size() || width > bytes.size() - offset) {
-        return std::nullopt;
-    }
-    uint64_t value = 0;
-    for (uint64_t i = 0; i < width; ++i) {
-        value = (value << 8) | static_cast<unsigned char>(bytes[offset + i]);
-    }
-    return value;
-}
-
-// libplist 2.2 aborts on an assertion when a dictionary key read from a
-// UTF-16 string of a binary property list holds a NUL character. Such a
-// file is damaged for our purposes: true when no UTF-16 string object holds
-// a NUL, or when the object table cannot be walked (libplist rejects that).
-bool binaryStringsAreFreeOfNUL(std::string_view bytes)
-{
-    constexpr uint64_t trailerSize = 32;
-    if (bytes.size() < 8 + trailerSize) {
-        return true;
-    }
-    const uint64_t trailer = bytes.size() - trailerSize;
-    const auto offsetSize = bigEndianAt(bytes, trailer + 6, 1);
-    const auto objectCount = bigEndianAt(bytes, trailer + 8, 8);
-    const auto tableOffset = bigEndianAt(bytes, trailer + 24, 8);
-    if (!offsetSize || !objectCount || !tableOffset || *offsetSize == 0 || *offsetSize > 8 || *tableOffset > trailer ||
-        *objectCount > (trailer - *tableOffset) / *offsetSize) {
-        return true;
-    }
-    std::unordered_set<uint64_t> scanned;
-    for (uint64_t index = 0; index < *objectCount; ++index) {
-        const auto offset = bigEndianAt(bytes, *tableOffset + index * *offsetSize, *offsetSize);
-        const auto marker = offset ? bigEndianAt(bytes, *offset, 1) : std::nullopt;
-        if (!marker || (*marker >> 4) != 0x6 || !scanned.insert(*offset).second) {
-            continue;
-        }
-        uint64_t units = *marker & 0x0F;
-        uint64_t start = *offset + 1;
-        if (units == 0x0F) {
-            const auto sizeMarker = bigEndianAt(bytes, start, 1);
-            if (!sizeMarker || (*sizeMarker >> 4) != 0x1 || (*sizeMarker & 0x0F) > 3) {
-                continue;
-            }
-            const uint64_t width = uint64_t{1} << (*sizeMarker & 0x0F);
-            const auto count = bigEndianAt(bytes, start + 1, width);
-            if (!count) {
-                continue;
-            }
-            units = *count;
-            start += 1 + width;
-        }
-        for (uint64_t unit = 0; unit < units; ++unit) {
-            const auto value = bigEndianAt(bytes, start + 2 * unit, 2);
-            if (!value) {
-                break;
-            }
-            if (*value == 0) {
+    constexpr size_t kMaximumContainers = 20000;
+    size_t containers = 0;
+    for (size_t at = bytes.find('<'); at != std::string_view::npos; at = bytes.find('<', at + 1)) {
+        const std::string_view rest = bytes.substr(at + 1);
+        if (rest.substr(0, 5) == "array" || rest.substr(0, 4) == "dict") {
+            if (++containers > kMaximumContainers) {
                 return false;
             }
         }
@@ -372,7 +333,13 @@ std::optional<PropertyList> PropertyList::fromBytes(std::string_view bytes)
     if (bytes.empty() || bytes.size() > std::numeric_limits<uint32_t>::max()) {
         return std::nullopt;
     }
-    if (plist_is_binary(bytes.data(), static_cast<uint32_t>(bytes.size())) != 0 && !binaryStringsAreFreeOfNUL(bytes)) {
+    // libplist 2.2 fails an assertion on binary files whose dictionary keys
+    // hold NUL, and trusts their sizes and nesting too far: binary bytes never
+    // reach it.
+    if (BinaryPropertyListReader::looksBinary(bytes)) {
+        return BinaryPropertyListReader::read(bytes, kMaximumDepth);
+    }
+    if (!xmlContainerCountIsBounded(bytes)) {
         return std::nullopt;
     }
     plist_t root = nullptr;

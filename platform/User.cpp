@@ -63,7 +63,8 @@ std::string homeDirectory()
 
 std::optional<std::string> homeDirectoryForUser(const std::string& name)
 {
-    if (name.empty()) {
+    // A name holding NUL would be looked up cut short at it: no account has it.
+    if (name.empty() || name.find('\0') != std::string::npos) {
         return std::nullopt;
     }
     const auto entry = lookUpEntry([&name](passwd* pw, char* buffer, std::size_t size, passwd** found) {
@@ -84,6 +85,31 @@ std::optional<std::string> accountNameForUserID(uint32_t uid)
         return std::nullopt;
     }
     return entry->name;
+}
+
+std::vector<std::string> homeDirectoriesOfAllUsers()
+{
+    std::vector<std::string> homes;
+    long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(suggested > 0 ? static_cast<std::size_t>(suggested) : 1024);
+    setpwent();
+    for (;;) {
+        passwd entry{};
+        passwd* found = nullptr;
+        const int status = getpwent_r(&entry, buffer.data(), buffer.size(), &found);
+        if (status == ERANGE && buffer.size() < (std::size_t{1} << 20)) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (status != 0 || found == nullptr) {
+            break;
+        }
+        if (found->pw_dir != nullptr && found->pw_dir[0] != '\0') {
+            homes.emplace_back(found->pw_dir);
+        }
+    }
+    endpwent();
+    return homes;
 }
 
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,

@@ -19,6 +19,10 @@ std::optional<std::string> homeDirectoryForUser(const std::string& name);
 // The name in the password database's entry for the user id; none when the
 // id has no entry.
 std::optional<std::string> accountNameForUserID(uint32_t uid);
+
+// The home folder of every account in the password database, as recorded
+// there (whether or not it exists).
+std::vector<std::string> homeDirectoriesOfAllUsers();
 // For (Library, User): one entry, home + "/Library" (with expandTilde false:
 // "~/Library"). Other combinations give an empty list.
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/User.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -279,6 +280,14 @@ TEST(ExpandingTildeInPath, TildeUserIsThatUsersHomeFolder)
 TEST(ExpandingTildeInPath, UnknownUserStaysAsWritten)
 {
     EXPECT_EQ(expandingTildeInPath("~no_such_user_qel_7/x"), "~no_such_user_qel_7/x");
+}
+
+TEST(ExpandingTildeInPath, UserNameHoldingNULIsAnUnknownUser)
+{
+    using namespace std::string_literals;
+    const std::string path = "~root\0junk/a"s;
+    EXPECT_EQ(expandingTildeInPath(path), path);
+    EXPECT_FALSE(platform::homeDirectoryForUser("root\0junk"s).has_value());
 }
 
 TEST(ExpandingTildeInPath, PathWithoutTildeIsUnchanged)

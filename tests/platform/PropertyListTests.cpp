@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <limits>
+#include <random>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "tests/support/TempDir.h"
 
@@ -293,6 +297,194 @@ TEST(PropertyListTest, BinaryStringHoldingANULCharacterIsDamaged)
     ASSERT_TRUE(PropertyList::fromBytes(bytes).has_value());
     bytes[key + 2] = '\0';
     EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
+namespace {
+
+// The bytes written as hexadecimal digits.
+std::string fromHex(std::string_view hex)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+    }
+    return bytes;
+}
+
+// A dictionary whose one key is "a" followed by NUL, stored as UTF-16 with its
+// length written as an integer 16 bytes wide.
+constexpr std::string_view kKeyWithNULAndWideLength =
+    "62706c6973743030d101026f1400000000000000000000000000000002006100005178080b2100000000000001010000000000000003000000"
+    "00000000000000000000000023";
+// The same dictionary in a file whose trailer gives offsets 16 bytes wide.
+constexpr std::string_view kKeyWithNULAndWideOffsets =
+    "62706c6973743030d1010262006100005178000000000000000000000000000000080000000000000000000000000000000b000000000000"
+    "000000000000000000100000000000001001000000000000000300000000000000000000000000000012";
+
+}  // namespace
+
+TEST(PropertyListTest, KeyHoldingNULWithAWideLengthIsDamaged)
+{
+    EXPECT_FALSE(PropertyList::fromBytes(fromHex(kKeyWithNULAndWideLength)).has_value());
+}
+
+TEST(PropertyListTest, KeyHoldingNULWithWideOffsetsIsDamaged)
+{
+    EXPECT_FALSE(PropertyList::fromBytes(fromHex(kKeyWithNULAndWideOffsets)).has_value());
+}
+
+TEST(PropertyListTest, DamagedBinaryFilesReadAsNoneFromDisk)
+{
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("wide-length.plist"), fromHex(kKeyWithNULAndWideLength));
+    testsupport::writeFile(dir.at("wide-offsets.plist"), fromHex(kKeyWithNULAndWideOffsets));
+    EXPECT_FALSE(PropertyList::dictionaryWithContentsOfFile(dir.at("wide-length.plist")).has_value());
+    EXPECT_FALSE(PropertyList::dictionaryWithContentsOfFile(dir.at("wide-offsets.plist")).has_value());
+}
+
+TEST(PropertyListTest, ASCIIStringHoldingNULIsDamaged)
+{
+    // {"ab": "v"} with the key's second byte then zeroed.
+    PlistHandle tree(plist_new_dict());
+    plist_dict_set_item(static_cast<plist_t>(tree.get()), "ab", plist_new_string("v"));
+    std::string bytes = binaryBytes(tree);
+    const size_t key = bytes.find("\x52"
+                                  "ab");
+    ASSERT_NE(key, std::string::npos);
+    ASSERT_TRUE(PropertyList::fromBytes(bytes).has_value());
+    bytes[key + 2] = '\0';
+    EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
+TEST(PropertyListTest, XMLStringHoldingNULIsDamaged)
+{
+    const std::string xml =
+        std::string("<plist version=\"1.0\"><dict><key>k</key><string>a") + '\0' + "b</string></dict></plist>";
+    EXPECT_FALSE(PropertyList::fromBytes(xml).has_value());
+}
+
+TEST(PropertyListTest, UnpairedSurrogateInABinaryStringIsDamaged)
+{
+    // {"é": "v"}: the key's UTF-16 unit replaced by a lone low surrogate.
+    PlistHandle tree(plist_new_dict());
+    plist_dict_set_item(static_cast<plist_t>(tree.get()), "\xC3\xA9", plist_new_string("v"));
+    std::string bytes = binaryBytes(tree);
+    const size_t key = bytes.find(std::string("\x61\x00\xE9", 3));
+    ASSERT_NE(key, std::string::npos);
+    bytes[key + 1] = '\xDC';
+    EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
+TEST(PropertyListTest, BinaryReferenceCycleIsDamaged)
+{
+    // An array whose one item is the array itself.
+    std::string bytes = "bplist00";
+    bytes += "\xA1";
+    bytes += '\0';
+    const char offsetTable = static_cast<char>(bytes.size());
+    bytes += '\x08';
+    std::string trailer(32, '\0');
+    trailer[6] = 1;   // offset size
+    trailer[7] = 1;   // reference size
+    trailer[15] = 1;  // one object
+    trailer[31] = offsetTable;
+    bytes += trailer;
+    EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
+TEST(PropertyListTest, DeeplyNestedBinaryArraysAreDamagedNotACrash)
+{
+    // 100,000 arrays each holding the next: far deeper than any real file.
+    constexpr uint32_t count = 100000;
+    std::string bytes = "bplist00";
+    std::vector<uint32_t> offsets;
+    for (uint32_t i = 0; i < count; ++i) {
+        offsets.push_back(static_cast<uint32_t>(bytes.size()));
+        if (i + 1 < count) {
+            bytes += '\xA1';
+            const uint32_t next = i + 1;
+            bytes += static_cast<char>(next >> 24);
+            bytes += static_cast<char>(next >> 16);
+            bytes += static_cast<char>(next >> 8);
+            bytes += static_cast<char>(next);
+        } else {
+            bytes += '\xA0';
+        }
+    }
+    const auto tableOffset = static_cast<uint64_t>(bytes.size());
+    for (const uint32_t offset : offsets) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            bytes += static_cast<char>(offset >> shift);
+        }
+    }
+    std::string trailer(32, '\0');
+    trailer[6] = 4;
+    trailer[7] = 4;
+    for (int i = 0; i < 8; ++i) {
+        trailer[8 + i] = static_cast<char>(uint64_t{count} >> (56 - 8 * i));
+        trailer[24 + i] = static_cast<char>(tableOffset >> (56 - 8 * i));
+    }
+    bytes += trailer;
+    EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
+TEST(PropertyListTest, DeeplyNestedXMLArraysAreDamagedNotACrash)
+{
+    constexpr int count = 1000000;
+    std::string xml = "<plist version=\"1.0\">";
+    for (int i = 0; i < count; ++i) {
+        xml += "<array>";
+    }
+    for (int i = 0; i < count; ++i) {
+        xml += "</array>";
+    }
+    xml += "</plist>";
+    EXPECT_FALSE(PropertyList::fromBytes(xml).has_value());
+}
+
+// Flips, overwrites, inserts and removes bytes of well-formed binary files:
+// every result must read as a value or as none, never end the process.
+TEST(PropertyListTest, MutatedBinaryFilesNeverEndTheProcess)
+{
+    std::vector<std::string> seeds = {binaryBytes(everyKindOfValueAsLibplistTree()), fromHex(kKeyWithNULAndWideLength),
+                                      fromHex(kKeyWithNULAndWideOffsets)};
+    PlistHandle unicode(plist_new_dict());
+    plist_dict_set_item(static_cast<plist_t>(unicode.get()), "\xC3\xA9t\xC3\xA9", plist_new_string("\xE2\x82\xAC"));
+    seeds.push_back(binaryBytes(unicode));
+    std::mt19937 random(20240521);
+    const auto start = std::chrono::steady_clock::now();
+    int read = 0;
+    int damaged = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string bytes = seeds[random() % seeds.size()];
+        const int edits = 1 + static_cast<int>(random() % 4);
+        for (int edit = 0; edit < edits && !bytes.empty(); ++edit) {
+            const size_t at = random() % bytes.size();
+            switch (random() % 5) {
+            case 0: bytes[at] = static_cast<char>(bytes[at] ^ (1 << (random() % 8))); break;
+            case 1: bytes[at] = static_cast<char>(random()); break;
+            case 2: bytes.insert(at, 1, static_cast<char>(random())); break;
+            case 3: bytes.erase(at, 1); break;
+            // Interesting values: size markers, zero, all ones, big widths.
+            default: {
+                static constexpr char kInteresting[] = {'\x00', '\x0F', '\x10', '\x13', '\x14', '\x1F',
+                                                        '\x6F', '\xD1', '\xFF', '\x09', '\x10', '\x7F'};
+                bytes[at] = kInteresting[random() % sizeof kInteresting];
+            }
+            }
+        }
+        if (PropertyList::fromBytes(bytes).has_value()) {
+            ++read;
+        } else {
+            ++damaged;
+        }
+    }
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(read + damaged, 20000);
+    // Many mutations leave a readable file, many a damaged one.
+    EXPECT_GT(read, 100);
+    EXPECT_GT(damaged, 100);
+    EXPECT_LT(elapsed, std::chrono::seconds(5));
 }
 
 TEST(PropertyListTest, FolderIsNotAPropertyList)

@@ -4,6 +4,7 @@
 #include <plist/plist.h>
 
 #include <string>
+#include <string_view>
 
 #include "tests/support/TempDir.h"
 
@@ -27,6 +28,16 @@ std::string utf16(const std::u16string& text, bool bigEndian)
         }
     }
     return out;
+}
+
+// The bytes written as hexadecimal digits.
+std::string fromHex(std::string_view hex)
+{
+    std::string bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+    }
+    return bytes;
 }
 
 TEST(StringsTableTest, ParsesKeyValuePairs)
@@ -230,6 +241,25 @@ TEST(StringsTableTest, MissingOrUnparsableFileGivesNone)
     testsupport::writeFile(dir.at("bad.strings"), "\"a\" = ");
     EXPECT_FALSE(StringsTable::readFromFile(dir.at("bad.strings")).has_value());
     EXPECT_FALSE(StringsTable::readFromFile(dir.path()).has_value());
+}
+
+TEST(StringsTableTest, BinaryTablesWhoseKeyHoldsNULAreDamaged)
+{
+    // Both hold {"a\0": "x"}: the key's length as a 16-byte integer, or the
+    // offsets of the object table 16 bytes wide.
+    const std::string wideLength = fromHex(
+        "62706c6973743030d101026f1400000000000000000000000000000002006100005178080b21000000000000010100000000000000"
+        "0300000000000000000000000000000023");
+    const std::string wideOffsets = fromHex(
+        "62706c6973743030d1010262006100005178000000000000000000000000000000080000000000000000000000000000000b0000"
+        "00000000000000000000000000100000000000001001000000000000000300000000000000000000000000000012");
+    EXPECT_FALSE(StringsTable::parse(wideLength).has_value());
+    EXPECT_FALSE(StringsTable::parse(wideOffsets).has_value());
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("Localizable.strings"), wideLength);
+    EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
+    testsupport::writeFile(dir.at("Localizable.strings"), wideOffsets);
+    EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
 }
 
 }  // namespace

@@ -1,0 +1,24 @@
+// Reads the binary property-list format ("bplist00") on its own, bounds-checked
+// byte by byte, so that no sequence of bytes can end the process: whatever is
+// not a well-formed property list reads as none.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "platform/PropertyList.h"
+
+namespace platform {
+
+class BinaryPropertyListReader {
+public:
+    // True when bytes start with the binary magic "bplist" (any version).
+    static bool looksBinary(std::string_view bytes) noexcept;
+    // The value of a version-00 binary property list; none when the bytes are
+    // damaged: an offset, length or reference out of range, an unknown
+    // object, a cycle or nesting deeper than maximumDepth, a dictionary key
+    // that is not a string, or a string (key or value) holding NUL.
+    static std::optional<PropertyList> read(std::string_view bytes, int maximumDepth);
+};
+
+}  // namespace platform

@@ -1,0 +1,146 @@
+#include "platform/MountPoint.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/TempDir.h"
+
+using platform::MountPoint;
+using testsupport::makeDirectories;
+using testsupport::TempDir;
+using testsupport::writeFile;
+
+namespace {
+
+// Mounts made by a test, undone (detached) at its end, last first.
+class Mounts {
+public:
+    Mounts() = default;
+    Mounts(const Mounts&) = delete;
+    Mounts& operator=(const Mounts&) = delete;
+    ~Mounts()
+    {
+        for (auto it = thePaths.rbegin(); it != thePaths.rend(); ++it) {
+            ::umount2(it->c_str(), MNT_DETACH);
+        }
+    }
+    void add(const std::string& path) { thePaths.push_back(path); }
+
+private:
+    std::vector<std::string> thePaths;
+};
+
+// An open folder, closed at the end of the scope.
+class OpenFolder {
+public:
+    explicit OpenFolder(const std::string& path) : theFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+    OpenFolder(const OpenFolder&) = delete;
+    OpenFolder& operator=(const OpenFolder&) = delete;
+    ~OpenFolder()
+    {
+        if (theFd >= 0) {
+            ::close(theFd);
+        }
+    }
+    int fd() const noexcept { return theFd; }
+
+private:
+    int theFd;
+};
+
+// Mounts happen in a mount namespace of the test process's own, so nothing
+// outside it ever sees them.
+void enterPrivateMountNamespace()
+{
+    ASSERT_EQ(::geteuid(), 0U) << "mounting needs root";
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+}
+
+}  // namespace
+
+TEST(MountPoint, AnOrdinarySubFolderIsNoMountRoot)
+{
+    TempDir dir;
+    makeDirectories(dir.at("plain/inner"));
+    const OpenFolder folder(dir.path());
+    ASSERT_GE(folder.fd(), 0);
+    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "plain"), std::optional<bool>(false));
+    EXPECT_EQ(MountPoint::isMountRoot(dir.at("plain/inner")), std::optional<bool>(false));
+    EXPECT_EQ(MountPoint::mountIdAt(folder.fd(), "plain"), MountPoint::mountIdOf(folder.fd()));
+    EXPECT_TRUE(MountPoint::mountIdOf(folder.fd()).has_value());
+}
+
+TEST(MountPoint, TheRootFolderIsAMountRoot)
+{
+    EXPECT_EQ(MountPoint::isMountRoot("/"), std::optional<bool>(true));
+}
+
+TEST(MountPoint, AMissingNameCannotBeTold)
+{
+    TempDir dir;
+    const OpenFolder folder(dir.path());
+    EXPECT_FALSE(MountPoint::isMountRoot(folder.fd(), "missing").has_value());
+    EXPECT_FALSE(MountPoint::mountIdAt(folder.fd(), "missing").has_value());
+    EXPECT_FALSE(MountPoint::isMountRoot(dir.at("missing/deeper")).has_value());
+}
+
+TEST(MountPoint, ALinkToAMountIsNoMountRoot)
+{
+    TempDir dir;
+    ASSERT_EQ(::symlink("/", dir.at("to-root").c_str()), 0);
+    const OpenFolder folder(dir.path());
+    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "to-root"), std::optional<bool>(false));
+}
+
+TEST(MountPoint, AnotherFileSystemMountedInsideIsAMountRoot)
+{
+    enterPrivateMountNamespace();
+    TempDir dir;
+    makeDirectories(dir.at("mnt"));
+    Mounts mounts;
+    ASSERT_EQ(::mount("tmpfs", dir.at("mnt").c_str(), "tmpfs", 0, "size=1m"), 0);
+    mounts.add(dir.at("mnt"));
+    writeFile(dir.at("mnt/inside/file"), "x");
+
+    const OpenFolder folder(dir.path());
+    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "mnt"), std::optional<bool>(true));
+    EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt")), std::optional<bool>(true));
+    EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt/inside")), std::optional<bool>(false));
+    EXPECT_NE(MountPoint::mountIdAt(folder.fd(), "mnt"), MountPoint::mountIdOf(folder.fd()));
+}
+
+TEST(MountPoint, ABindMountOfTheSameDiskIsAMountRootThoughItsDeviceIsTheSame)
+{
+    enterPrivateMountNamespace();
+    TempDir dir;
+    writeFile(dir.at("source/file"), "kept");
+    makeDirectories(dir.at("listed/bound"));
+    makeDirectories(dir.at("listed/plain"));
+    Mounts mounts;
+    ASSERT_EQ(::mount(dir.at("source").c_str(), dir.at("listed/bound").c_str(), nullptr, MS_BIND, nullptr), 0);
+    mounts.add(dir.at("listed/bound"));
+
+    // The device number alone cannot tell it from an ordinary folder.
+    struct stat bound {};
+    struct stat listed {};
+    ASSERT_EQ(::stat(dir.at("listed/bound").c_str(), &bound), 0);
+    ASSERT_EQ(::stat(dir.at("listed").c_str(), &listed), 0);
+    EXPECT_EQ(bound.st_dev, listed.st_dev);
+
+    const OpenFolder folder(dir.at("listed"));
+    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "bound"), std::optional<bool>(true));
+    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "plain"), std::optional<bool>(false));
+    EXPECT_EQ(MountPoint::isMountRoot(dir.at("listed/bound")), std::optional<bool>(true));
+    EXPECT_NE(MountPoint::mountIdAt(folder.fd(), "bound"), MountPoint::mountIdOf(folder.fd()));
+    const OpenFolder inside(dir.at("listed/bound"));
+    EXPECT_EQ(MountPoint::mountIdOf(inside.fd()), MountPoint::mountIdAt(folder.fd(), "bound"));
+    EXPECT_EQ(MountPoint::isMountRoot(inside.fd(), "file"), std::optional<bool>(false));
+}
