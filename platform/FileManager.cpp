@@ -10,6 +10,7 @@
 #include <linux/fs.h>
 #include <pwd.h>
 #include <string_view>
+#include <utility>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -296,6 +297,137 @@ std::optional<std::string> FileManager::contentsAtPath(const std::string& path) 
         return std::nullopt;
     }
     return contents;
+}
+
+namespace {
+
+// Closes the descriptor it owns when it goes.
+class OwnedDescriptor {
+public:
+    explicit OwnedDescriptor(int fd) noexcept : theFd(fd) {}
+    ~OwnedDescriptor()
+    {
+        if (theFd >= 0) {
+            ::close(theFd);
+        }
+    }
+    OwnedDescriptor(const OwnedDescriptor&) = delete;
+    OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
+    int get() const noexcept { return theFd; }
+    // Closes now and tells whether closing succeeded.
+    bool close() noexcept
+    {
+        const int fd = std::exchange(theFd, -1);
+        return fd < 0 || ::close(fd) == 0;
+    }
+
+private:
+    int theFd;
+};
+
+const char* fileTypeName(FileType type)
+{
+    switch (type) {
+    case FileType::Regular: return kFileTypeRegular;
+    case FileType::Directory: return kFileTypeDirectory;
+    case FileType::SymbolicLink: return kFileTypeSymbolicLink;
+    case FileType::CharacterSpecial: return kFileTypeCharacterSpecial;
+    case FileType::BlockSpecial: return kFileTypeBlockSpecial;
+    case FileType::Socket: return kFileTypeSocket;
+    case FileType::Fifo:
+    case FileType::Unknown: break;
+    }
+    return kFileTypeUnknown;
+}
+
+// The permission bits that the attributes ask for: none when they ask for
+// nothing; false in `valid` when they hold something that cannot be set.
+std::optional<mode_t> requestedMode(const FileAttributeDictionary& attributes, bool& valid)
+{
+    valid = true;
+    std::optional<mode_t> mode;
+    for (const auto& [key, value] : attributes) {
+        const uint64_t* number = std::get_if<uint64_t>(&value);
+        if (key != kFilePosixPermissions || number == nullptr || *number > 07777) {
+            valid = false;
+            return std::nullopt;
+        }
+        mode = static_cast<mode_t>(*number);
+    }
+    return mode;
+}
+
+// chmod that never follows a final link (a link itself cannot be changed).
+bool changeModeNoFollow(const std::string& path, mode_t mode)
+{
+    return !path.empty() && ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+}  // namespace
+
+std::optional<FileAttributeDictionary> FileManager::fileAttributesAtPath(const std::string& path) const
+{
+    struct stat st {};
+    if (path.empty() || ::lstat(path.c_str(), &st) != 0) {
+        return std::nullopt;
+    }
+    FileAttributeDictionary attributes;
+    attributes.emplace(kFileType, std::string(fileTypeName(fileTypeOf(st.st_mode))));
+    attributes.emplace(kFileSize, static_cast<uint64_t>(st.st_size));
+    attributes.emplace(kFilePosixPermissions, static_cast<uint64_t>(st.st_mode & 07777));
+    attributes.emplace(kFileOwnerAccountID, static_cast<uint64_t>(st.st_uid));
+    if (auto owner = accountNameOf(st.st_uid)) {
+        attributes.emplace(kFileOwnerAccountName, std::move(*owner));
+    }
+    attributes.emplace(kFileImmutable, isImmutable(path, st.st_mode));
+    const double modified =
+        static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1'000'000'000.0;
+    attributes.emplace(kFileModificationDate, Date(modified));
+    return attributes;
+}
+
+bool FileManager::changeFileAttributes(const FileAttributeDictionary& attributes, const std::string& path) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    if (!valid || path.empty()) {
+        return false;
+    }
+    return !mode || changeModeNoFollow(path, *mode);
+}
+
+bool FileManager::createDirectoryWithAttributes(const std::string& path,
+                                                const FileAttributeDictionary& attributes) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    if (!valid || path.empty() || ::mkdir(path.c_str(), mode.value_or(0777)) != 0) {
+        return false;
+    }
+    // mkdir applied the umask; the mode asked for is set as asked.
+    return !mode || changeModeNoFollow(path, *mode);
+}
+
+bool FileManager::createFileWithAttributes(const std::string& path, const std::string& contents,
+                                           const FileAttributeDictionary& attributes) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    if (!valid || path.empty()) {
+        return false;
+    }
+    // A new file only: nothing already at the path (a planted link included)
+    // is opened.
+    OwnedDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
+                              mode.value_or(0666)));
+    if (fd.get() < 0) {
+        return false;
+    }
+    bool ok = writeAll(fd.get(), contents);
+    if (ok && mode) {
+        ok = ::fchmod(fd.get(), *mode) == 0;
+    }
+    return fd.close() && ok;
 }
 
 }  // namespace platform

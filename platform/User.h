@@ -15,7 +15,8 @@ std::string userName();
 std::string homeDirectory();
 std::optional<std::string> homeDirectoryForUser(const std::string& name);
 // For (Library, User): one entry, home + "/Library" (with expandTilde false:
-// "~/Library"). Other combinations give an empty list.
+// "~/Library"). Other combinations, and a user without a home folder in
+// the password database, give an empty list.
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,
                                                            bool expandTilde);
 
