@@ -59,8 +59,7 @@ bool QELUDeletePathIfExists(const std::string& path, int32_t code, signed char r
     return false;
 }
 
-std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std::string& path,
-                                                                       const std::string& key)
+std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std::string& path, const std::string& key)
 {
     const auto attributes = fileManager().fileAttributesAtPath(path);
     if (!attributes) {
@@ -73,8 +72,8 @@ std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std
     return found->second;
 }
 
-bool QELUSetAttributeForPath(const std::string& path, const std::string& key,
-                             const platform::FileAttributeValue& value, int32_t* status)
+bool QELUSetAttributeForPath(const std::string& path, const std::string& key, const platform::FileAttributeValue& value,
+                             int32_t* status)
 {
     const platform::FileAttributeDictionary attributes{{key, value}};
     const bool made = attributes.size() == 1;
@@ -163,9 +162,9 @@ bool QELUCreateDirectoryAndIntermediates(const std::string& path, const std::str
                     verifyOrRaise(QELSecurity::makePathOK(current, platform::userName()), kQELUComponentUnsafe);
                 }
             } else {
-                verifyOrRaise(fileManager().createDirectoryWithAttributes(
-                                  current, QELSecurity::desiredDirectoryAttributes()),
-                              kQELUDirectoryNotCreated);
+                verifyOrRaise(
+                    fileManager().createDirectoryWithAttributes(current, QELSecurity::desiredDirectoryAttributes()),
+                    kQELUDirectoryNotCreated);
             }
         }
         result = true;

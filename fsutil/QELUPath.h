@@ -46,15 +46,14 @@ bool QELUDeletePathIfExists(const std::string& path, int32_t code, signed char r
 // The value of one attribute of the item itself (a final link is not
 // followed), or none when the path cannot be examined or has no such
 // attribute. Reports nothing.
-std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std::string& path,
-                                                                       const std::string& key);
+std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std::string& path, const std::string& key);
 
 // Sets one attribute (never through a final link). Code 1952 when the file
 // manager refuses or the code is forced. Does not clear *status first: its
 // callers do. A forced 1952 after a real change returns true with status
 // 1952.
-bool QELUSetAttributeForPath(const std::string& path, const std::string& key,
-                             const platform::FileAttributeValue& value, int32_t* status);
+bool QELUSetAttributeForPath(const std::string& path, const std::string& key, const platform::FileAttributeValue& value,
+                             int32_t* status);
 // Clears *status, then sets the permission bits as QELUSetAttributeForPath.
 bool QELUSetPosixPermissionsAtPath(const std::string& path, unsigned long bits, int32_t* status);
 

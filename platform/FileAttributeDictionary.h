@@ -21,13 +21,13 @@ using FileAttributeValue = std::variant<uint64_t, std::string, bool, Date>;
 using FileAttributeDictionary = std::map<std::string, FileAttributeValue, std::less<>>;
 
 // Keys and what their values are.
-inline constexpr char kFileType[] = "NSFileType";                            // text: one of the type names below
-inline constexpr char kFileSize[] = "NSFileSize";                            // number: bytes
-inline constexpr char kFilePosixPermissions[] = "NSFilePosixPermissions";    // number: mode & 07777
-inline constexpr char kFileOwnerAccountID[] = "NSFileOwnerAccountID";        // number
-inline constexpr char kFileOwnerAccountName[] = "NSFileOwnerAccountName";    // text; absent without an account
-inline constexpr char kFileImmutable[] = "NSFileImmutable";                  // boolean: the file system's flag
-inline constexpr char kFileModificationDate[] = "NSFileModificationDate";    // date
+inline constexpr char kFileType[] = "NSFileType";                          // text: one of the type names below
+inline constexpr char kFileSize[] = "NSFileSize";                          // number: bytes
+inline constexpr char kFilePosixPermissions[] = "NSFilePosixPermissions";  // number: mode & 07777
+inline constexpr char kFileOwnerAccountID[] = "NSFileOwnerAccountID";      // number
+inline constexpr char kFileOwnerAccountName[] = "NSFileOwnerAccountName";  // text; absent without an account
+inline constexpr char kFileImmutable[] = "NSFileImmutable";                // boolean: the file system's flag
+inline constexpr char kFileModificationDate[] = "NSFileModificationDate";  // date
 
 // Values of kFileType. A pipe has no name of its own: it is of unknown type.
 inline constexpr char kFileTypeRegular[] = "NSFileTypeRegular";

@@ -418,8 +418,8 @@ bool FileManager::createFileWithAttributes(const std::string& path, const std::s
     }
     // A new file only: nothing already at the path (a planted link included)
     // is opened.
-    OwnedDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY,
-                              mode.value_or(0666)));
+    OwnedDescriptor fd(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY, mode.value_or(0666)));
     if (fd.get() < 0) {
         return false;
     }

@@ -48,7 +48,10 @@ protected:
         ASSERT_EQ(::lchown(sandbox.hostPath(path).c_str(), user.uid, user.gid), 0) << path;
     }
 
-    static bool mentions(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+    static bool mentions(const std::string& text, const std::string& part)
+    {
+        return text.find(part) != std::string::npos;
+    }
     static bool loggedCode(const RunResult& result, int code)
     {
         return mentions(result.standardError, "encountered errorCode " + std::to_string(code) + "\n");

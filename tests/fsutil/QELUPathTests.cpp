@@ -292,8 +292,8 @@ TEST_F(QELUPathTest, SettingAnAttributeLeavesAnEarlierStatusInPlace)
 {
     const std::string path = file("file", "x", 0644);
     int32_t status = 77;
-    EXPECT_TRUE(
-        QELUSetAttributeForPath(path, platform::kFilePosixPermissions, platform::FileAttributeValue(uint64_t{0600}), &status));
+    EXPECT_TRUE(QELUSetAttributeForPath(path, platform::kFilePosixPermissions,
+                                        platform::FileAttributeValue(uint64_t{0600}), &status));
     EXPECT_EQ(status, 77);
 }
 

@@ -243,8 +243,8 @@ TEST(UserSearchPath, AUserWithoutAPasswordEntryHasNoLibraryFolder)
         if (::setresuid(unknown, unknown, unknown) != 0) {
             ::_exit(2);
         }
-        const auto found = platform::searchPathForDirectoriesInDomains(
-            platform::SearchPathDirectory::Library, platform::SearchPathDomainMask::User, true);
+        const auto found = platform::searchPathForDirectoriesInDomains(platform::SearchPathDirectory::Library,
+                                                                       platform::SearchPathDomainMask::User, true);
         ::_exit(found.empty() ? 0 : 1);
     }
     int status = 0;
