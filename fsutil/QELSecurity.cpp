@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include "fsutil/QELUHash.h"
+#include "fsutil/QELUPath.h"
+#include "platform/Exception.h"
 #include "fsutil/Sha256.h"
 #include "platform/PosixIO.h"
 
@@ -47,4 +49,70 @@ int32_t QELSecurity::hashMatchesFile(const std::string& expected, const std::str
         return status;
     }
     return expected == actual ? kHashOK : kHashMismatch;
+}
+
+bool QELSecurity::fileIsSymbolicLink(const std::string& path)
+{
+    const auto type = QELUAttributesOfPathForKey(path, platform::kFileType);
+    if (!type) {
+        return true;
+    }
+    const std::string* name = std::get_if<std::string>(&*type);
+    return name != nullptr && *name == platform::kFileTypeSymbolicLink;
+}
+
+platform::FileAttributeDictionary QELSecurity::desiredFileAttributes()
+{
+    return {{platform::kFilePosixPermissions, platform::FileAttributeValue(uint64_t{kDesiredMode})}};
+}
+
+platform::FileAttributeDictionary QELSecurity::desiredDirectoryAttributes()
+{
+    return desiredFileAttributes();
+}
+
+bool QELSecurity::makePathOK(const std::string& path, const std::string& user)
+{
+    if (fileIsSymbolicLink(path)) {
+        return false;
+    }
+    return !othersHaveWriteAccessToThisFile(path, user);
+}
+
+bool QELSecurity::othersHaveWriteAccessToThisFile(const std::string& path, const std::string& user)
+{
+    bool answer = true;
+    try {
+        if (fileIsSymbolicLink(path) || !ownerOfPath(path, user)) {
+            return true;
+        }
+        int32_t status = 0;
+        const unsigned long mode = QELUPosixPermissionsAtPath(path, &status);
+        if (status != 0) {
+            return true;
+        }
+        // Written even when the write bits are already clear: the set-id
+        // bits go too. The mode read back afterwards decides.
+        if (!QELUSetPosixPermissionsAtPath(path, mode & kRepairMask, &status) || status != 0) {
+            return true;
+        }
+        const unsigned long repaired = QELUPosixPermissionsAtPath(path, &status);
+        if (status == 0 && (repaired & kWriteBits) == 0) {
+            answer = false;
+        }
+    } catch (const platform::Exception&) {
+        // An exception of the error model leaves the path unsafe unless the
+        // final read already proved it safe.
+    }
+    return answer;
+}
+
+bool QELSecurity::ownerOfPath(const std::string& path, const std::string& user)
+{
+    const auto owner = QELUAttributesOfPathForKey(path, platform::kFileOwnerAccountName);
+    if (!owner) {
+        return false;
+    }
+    const std::string* name = std::get_if<std::string>(&*owner);
+    return name != nullptr && *name == user;
 }

@@ -1,9 +1,18 @@
-// The file hash check: a file's SHA-256 digest, and whether it equals an
-// expected one. Class operations only: there are no instances and no state.
+// Whether a file or directory may be trusted by the current user, the
+// attributes the shared services create their own files and directories
+// with, and the file hash check. Class operations only: there are no
+// instances and no state.
+//
+// A path is safe for a user when it is not a symbolic link, is owned by that
+// user (by account name), and, after any group and others write permission
+// has been removed from it, grants neither. Whatever cannot be established
+// counts as unsafe.
 #pragma once
 
 #include <cstdint>
 #include <string>
+
+#include "platform/FileAttributeDictionary.h"
 
 class QELSecurity {
 public:
@@ -30,4 +39,35 @@ public:
     // upper-case digits never match), kHashMismatch when it differs, or the
     // failure status of hashForFile unchanged.
     static int32_t hashMatchesFile(const std::string& expected, const std::string& path);
+
+    // Ownership and permission checks -----------------------------------------
+
+    // Mode 0700: owner read, write and search; nothing for group or others.
+    static constexpr unsigned long kDesiredMode = 0700;
+    // Group and others write.
+    static constexpr unsigned long kWriteBits = 0022;
+    // What a repair keeps: the sticky bit, the owner's bits, and group and
+    // others read and search. It clears group and others write and, on
+    // purpose, the set-user-ID and set-group-ID bits as well.
+    static constexpr unsigned long kRepairMask = 01755;
+
+    // True when the path is a symbolic link (the path itself, not what it
+    // points to) or its type cannot be read, e.g. it does not exist.
+    static bool fileIsSymbolicLink(const std::string& path);
+    // The attributes a new directory or file of the shared services gets:
+    // {kFilePosixPermissions: 0700}. The directory's are the file's.
+    static platform::FileAttributeDictionary desiredDirectoryAttributes();
+    static platform::FileAttributeDictionary desiredFileAttributes();
+    // True when the path is now safe for the user (an account name): it may
+    // clear the path's group and others write bits and its set-id bits on
+    // the way. Never raises; every failure is a false.
+    static bool makePathOK(const std::string& path, const std::string& user);
+
+private:
+    // False only when the path is proven safe for the user after the repair
+    // (mode & kRepairMask written back, then read again); true otherwise. A
+    // link, or a path another user owns, is left untouched.
+    static bool othersHaveWriteAccessToThisFile(const std::string& path, const std::string& user);
+    // True when the owner's account name equals user.
+    static bool ownerOfPath(const std::string& path, const std::string& user);
 };

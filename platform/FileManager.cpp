@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <string_view>
+#include <utility>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -93,6 +94,18 @@ std::optional<std::vector<std::string>> sortedNames(int folderFd)
     return names;
 }
 
+// Writes the contents to a file just opened, sets the mode asked for exactly
+// (the umask narrowed it at creation) and closes the file: the first failure.
+std::error_code writeContentsAndMode(posix::UniqueFd& fd, std::string_view contents, std::optional<uint32_t> mode)
+{
+    std::error_code reason = posix::writeAll(fd.get(), contents);
+    if (!reason && mode) {
+        reason = resultOf(::fchmod(fd.get(), static_cast<mode_t>(*mode & 07777)));
+    }
+    const std::error_code closeError = fd.close();
+    return reason ? reason : closeError;
+}
+
 // Creates a new file beside path for an atomic write.
 posix::UniqueFd createTemporarySibling(const std::string& path, std::string& temporaryPath, std::error_code& error)
 {
@@ -143,6 +156,8 @@ std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::str
     attributes.ownerAccountID = st.st_uid;
     attributes.ownerAccountName = accountNameForUserID(st.st_uid);
     attributes.immutable = isImmutable(path, st.st_mode);
+    attributes.modificationTime =
+        static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1'000'000'000.0;
     return attributes;
 }
 
@@ -178,8 +193,9 @@ bool FileManager::createDirectoryAtPath(const std::string& path, std::optional<u
         return report(error, posix::lastError());
     }
     // The umask has narrowed the mode given to mkdir; a mode asked for is set exactly.
-    return report(error,
-                  mode ? resultOf(::chmod(path.c_str(), static_cast<mode_t>(*mode & 07777))) : std::error_code());
+    return report(error, mode ? resultOf(::fchmodat(AT_FDCWD, path.c_str(), static_cast<mode_t>(*mode & 07777),
+                                                    AT_SYMLINK_NOFOLLOW))
+                              : std::error_code());
 }
 
 bool FileManager::createFileAtPath(const std::string& path, const std::string& contents, std::optional<uint32_t> mode,
@@ -194,12 +210,7 @@ bool FileManager::createFileAtPath(const std::string& path, const std::string& c
     if (!fd.valid()) {
         return report(error, reason);
     }
-    reason = posix::writeAll(fd.get(), contents);
-    if (!reason && mode) {
-        reason = resultOf(::fchmod(fd.get(), static_cast<mode_t>(*mode & 07777)));
-    }
-    const std::error_code closeError = fd.close();
-    return report(error, reason ? reason : closeError);
+    return report(error, writeContentsAndMode(fd, contents, mode));
 }
 
 bool FileManager::writeFileAtomically(const std::string& path, std::string_view contents, std::error_code* error) const
@@ -309,6 +320,100 @@ std::optional<std::string> FileManager::contentsAtPath(const std::string& path, 
         return std::nullopt;
     }
     return contents;
+}
+
+namespace {
+
+const char* fileTypeName(FileType type)
+{
+    switch (type) {
+    case FileType::Regular: return kFileTypeRegular;
+    case FileType::Directory: return kFileTypeDirectory;
+    case FileType::SymbolicLink: return kFileTypeSymbolicLink;
+    case FileType::CharacterSpecial: return kFileTypeCharacterSpecial;
+    case FileType::BlockSpecial: return kFileTypeBlockSpecial;
+    case FileType::Socket: return kFileTypeSocket;
+    case FileType::Fifo:
+    case FileType::Unknown: break;
+    }
+    return kFileTypeUnknown;
+}
+
+// The permission bits that the attributes ask for: none when they ask for
+// nothing; false in `valid` when they hold something that cannot be set.
+std::optional<mode_t> requestedMode(const FileAttributeDictionary& attributes, bool& valid)
+{
+    valid = true;
+    std::optional<mode_t> mode;
+    for (const auto& [key, value] : attributes) {
+        const uint64_t* number = std::get_if<uint64_t>(&value);
+        if (key != kFilePosixPermissions || number == nullptr || *number > 07777) {
+            valid = false;
+            return std::nullopt;
+        }
+        mode = static_cast<mode_t>(*number);
+    }
+    return mode;
+}
+
+// chmod that never follows a final link (a link itself cannot be changed).
+bool changeModeNoFollow(const std::string& path, mode_t mode)
+{
+    return !path.empty() && ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+}  // namespace
+
+std::optional<FileAttributeDictionary> FileManager::fileAttributesAtPath(const std::string& path) const
+{
+    const std::optional<FileAttributes> item = attributesOfItemAtPath(path);
+    if (!item) {
+        return std::nullopt;
+    }
+    FileAttributeDictionary attributes;
+    attributes.emplace(kFileType, std::string(fileTypeName(item->type)));
+    attributes.emplace(kFileSize, item->size);
+    attributes.emplace(kFilePosixPermissions, static_cast<uint64_t>(item->posixPermissions));
+    attributes.emplace(kFileOwnerAccountID, static_cast<uint64_t>(item->ownerAccountID));
+    if (item->ownerAccountName) {
+        attributes.emplace(kFileOwnerAccountName, *item->ownerAccountName);
+    }
+    attributes.emplace(kFileImmutable, item->immutable);
+    attributes.emplace(kFileModificationDate, Date(item->modificationTime));
+    return attributes;
+}
+
+bool FileManager::changeFileAttributes(const FileAttributeDictionary& attributes, const std::string& path) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    if (!valid || path.empty()) {
+        return false;
+    }
+    return !mode || changeModeNoFollow(path, *mode);
+}
+
+bool FileManager::createDirectoryWithAttributes(const std::string& path,
+                                                const FileAttributeDictionary& attributes) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    return valid && createDirectoryAtPath(path, mode);
+}
+
+bool FileManager::createFileWithAttributes(const std::string& path, const std::string& contents,
+                                           const FileAttributeDictionary& attributes) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    if (!valid || path.empty()) {
+        return false;
+    }
+    // A new file only: nothing already at the path (a planted link included)
+    // is opened.
+    posix::UniqueFd fd =
+        posix::openFile(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, mode.value_or(0666));
+    return fd.valid() && !writeContentsAndMode(fd, contents, mode);
 }
 
 }  // namespace platform

@@ -14,6 +14,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/FileAttributeDictionary.h"
+
 namespace platform {
 
 enum class FileType { Regular, Directory, SymbolicLink, CharacterSpecial, BlockSpecial, Socket, Fifo, Unknown };
@@ -28,6 +30,8 @@ struct FileAttributes {
     std::optional<std::string> ownerAccountName;
     // The file system's immutable flag.
     bool immutable = false;
+    // The last modification, in seconds since 1970-01-01 00:00:00 UTC.
+    double modificationTime = 0;
 };
 
 class FileManager {
@@ -68,6 +72,27 @@ public:
     std::optional<std::vector<std::string>> enumeratorAtPath(const std::string& path) const;
     // The whole file as bytes; none when it cannot be read.
     std::optional<std::string> contentsAtPath(const std::string& path, std::error_code* error = nullptr) const;
+
+    // Attributes as values ------------------------------------------------------
+
+    // The item's own attributes (a final link is not followed) under the keys
+    // of FileAttributeDictionary.h: type, size, permissions with the set-id and
+    // sticky bits, owner id, owner name (absent when the owner has no account),
+    // the immutable flag and the modification date. None when the path cannot
+    // be examined.
+    std::optional<FileAttributeDictionary> fileAttributesAtPath(const std::string& path) const;
+    // Applies the attributes. Only kFilePosixPermissions can be changed, and
+    // only with a number of at most 07777; any other key or kind fails
+    // without changing anything. A final link is never followed: a link's own
+    // permissions cannot be changed, so changing them fails.
+    bool changeFileAttributes(const FileAttributeDictionary& attributes, const std::string& path) const;
+    // One directory (its parent must exist) or one new file with the
+    // attributes. The permissions are set after the item is made, so they
+    // are exactly those asked for whatever the umask. Attributes that cannot
+    // be set fail before anything is made.
+    bool createDirectoryWithAttributes(const std::string& path, const FileAttributeDictionary& attributes) const;
+    bool createFileWithAttributes(const std::string& path, const std::string& contents,
+                                  const FileAttributeDictionary& attributes) const;
 
 private:
     FileManager() = default;

@@ -121,7 +121,13 @@ std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory d
     if (!expandTilde) {
         return {"~/Library"};
     }
-    return {appendingPathComponent(homeDirectory(), "Library")};
+    // A user with no entry in the password database has no home folder, and
+    // so no Library folder.
+    const std::string home = homeDirectory();
+    if (home.empty()) {
+        return {};
+    }
+    return {appendingPathComponent(home, "Library")};
 }
 
 }  // namespace platform

@@ -24,7 +24,8 @@ std::optional<std::string> accountNameForUserID(uint32_t uid);
 // there (whether or not it exists).
 std::vector<std::string> homeDirectoriesOfAllUsers();
 // For (Library, User): one entry, home + "/Library" (with expandTilde false:
-// "~/Library"). Other combinations give an empty list.
+// "~/Library"). Other combinations, and a user without a home folder in
+// the password database, give an empty list.
 std::vector<std::string> searchPathForDirectoriesInDomains(SearchPathDirectory directory, SearchPathDomainMask domains,
                                                            bool expandTilde);
 

@@ -1,0 +1,160 @@
+// Whether a path may be trusted by a user, the repair of its write bits, and
+// the attributes the shared services create items with.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "fsutil/QELSecurity.h"
+#include "platform/FileAttributeDictionary.h"
+#include "platform/User.h"
+#include "tests/support/Settings.h"
+#include "tests/support/TempDir.h"
+
+using testsupport::TempDir;
+
+namespace {
+
+constexpr uid_t kOtherUser = 65534;  // nobody
+
+class PathSafety : public testing::Test {
+protected:
+    void SetUp() override { testsupport::useCommandLineSettings({"-AppType", "Path Test"}); }
+
+    std::string folder(const std::string& name, mode_t mode)
+    {
+        testsupport::makeDirectories(dir.at(name));
+        EXPECT_EQ(::chmod(dir.at(name).c_str(), mode), 0);
+        return dir.at(name);
+    }
+
+    std::string file(const std::string& name, mode_t mode)
+    {
+        testsupport::writeFile(dir.at(name), "x");
+        EXPECT_EQ(::chmod(dir.at(name).c_str(), mode), 0);
+        return dir.at(name);
+    }
+
+    static mode_t modeOf(const std::string& path)
+    {
+        struct stat st {};
+        return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+    }
+
+    static bool isSafeForMe(const std::string& path) { return QELSecurity::makePathOK(path, platform::userName()); }
+
+    TempDir dir;
+};
+
+}  // namespace
+
+TEST_F(PathSafety, ADirectoryOfTheUserWithMode0777Becomes0755AndIsAccepted)
+{
+    const std::string path = folder("open", 0777);
+    EXPECT_TRUE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0755U);
+}
+
+TEST_F(PathSafety, AFileOfTheUserWithMode04775LosesSetUserIdAndWriteBitsAndIsAccepted)
+{
+    const std::string path = file("setuid", 04775);
+    EXPECT_TRUE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0755U);
+}
+
+TEST_F(PathSafety, AStickyDirectoryWithMode01777KeepsTheStickyBitAndIsAccepted)
+{
+    const std::string path = folder("sticky", 01777);
+    EXPECT_TRUE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 01755U);
+}
+
+TEST_F(PathSafety, TheSetGroupIdBitGoesEvenWhenNoWriteBitIsSet)
+{
+    const std::string path = folder("setgid", 02750);
+    EXPECT_TRUE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0750U);
+}
+
+TEST_F(PathSafety, APathOwnedByAnotherUserIsRefusedAndItsModeIsNotChanged)
+{
+    const std::string path = folder("theirs", 0777);
+    ASSERT_EQ(::chown(path.c_str(), kOtherUser, kOtherUser), 0);
+    EXPECT_FALSE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0777U);
+}
+
+TEST_F(PathSafety, APathIsSafeForTheUserNamedWhenThatUserOwnsIt)
+{
+    const std::string path = folder("theirs", 0775);
+    ASSERT_EQ(::chown(path.c_str(), kOtherUser, kOtherUser), 0);
+    EXPECT_TRUE(QELSecurity::makePathOK(path, "nobody"));
+    EXPECT_EQ(modeOf(path), 0755U);
+}
+
+TEST_F(PathSafety, ALinkToASafeDirectoryIsRefusedAndTheDirectoryIsNotChanged)
+{
+    const std::string target = folder("safe", 0777);
+    ASSERT_EQ(::symlink(target.c_str(), dir.at("link").c_str()), 0);
+    EXPECT_FALSE(isSafeForMe(dir.at("link")));
+    EXPECT_EQ(modeOf(target), 0777U);
+}
+
+TEST_F(PathSafety, APathThatDoesNotExistIsRefused)
+{
+    EXPECT_FALSE(isSafeForMe(dir.at("missing")));
+}
+
+TEST_F(PathSafety, AnUnknownUserNameIsRefused)
+{
+    const std::string path = folder("mine", 0700);
+    EXPECT_FALSE(QELSecurity::makePathOK(path, ""));
+    EXPECT_FALSE(QELSecurity::makePathOK(path, "no-such-user-here"));
+}
+
+TEST_F(PathSafety, APathIsRefusedWhenItsPermissionsCannotBeRead)
+{
+    const std::string path = folder("mine", 0777);
+    testsupport::useCommandLineSettings({"-AppType", "Path Test", "-ForceError", "1950"});
+    EXPECT_FALSE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0777U);
+}
+
+TEST_F(PathSafety, APathIsRefusedWhenItsRepairCannotBeWritten)
+{
+    const std::string path = folder("mine", 0777);
+    testsupport::useCommandLineSettings({"-AppType", "Path Test", "-ForceError", "1952"});
+    EXPECT_FALSE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0777U);
+}
+
+TEST_F(PathSafety, TheModeReadBackAfterTheRepairDecides)
+{
+    // The first read and its two consultations pass; the read after the
+    // repair fails, so the repaired path is still refused.
+    const std::string path = folder("mine", 0777);
+    testsupport::useCommandLineSettings({"-AppType", "Path Test", "-ForceError", "1950", "-ForceErrorSkipCount", "2"});
+    EXPECT_FALSE(isSafeForMe(path));
+    EXPECT_EQ(modeOf(path), 0755U);
+}
+
+TEST_F(PathSafety, ASymbolicLinkOrAPathWithoutTypeCountsAsALink)
+{
+    const std::string target = file("file", 0644);
+    ASSERT_EQ(::symlink(target.c_str(), dir.at("link").c_str()), 0);
+    EXPECT_TRUE(QELSecurity::fileIsSymbolicLink(dir.at("link")));
+    EXPECT_TRUE(QELSecurity::fileIsSymbolicLink(dir.at("missing")));
+    EXPECT_FALSE(QELSecurity::fileIsSymbolicLink(target));
+    EXPECT_FALSE(QELSecurity::fileIsSymbolicLink(dir.path()));
+}
+
+TEST_F(PathSafety, DesiredDirectoryAndFileAttributesAreBothMode0700)
+{
+    const auto directory = QELSecurity::desiredDirectoryAttributes();
+    const auto file = QELSecurity::desiredFileAttributes();
+    EXPECT_EQ(directory.size(), 1U);
+    EXPECT_EQ(file.size(), 1U);
+    EXPECT_EQ(platform::numberForKey(directory, platform::kFilePosixPermissions), 0700U);
+    EXPECT_EQ(platform::numberForKey(file, platform::kFilePosixPermissions), 0700U);
+}
