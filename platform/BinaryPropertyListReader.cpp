@@ -1,5 +1,7 @@
 #include "platform/BinaryPropertyListReader.h"
 
+#include "platform/UTF8.h"
+
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -32,25 +34,6 @@ enum Marker : unsigned {
 constexpr unsigned kFalse = 0x8;
 constexpr unsigned kTrue = 0x9;
 constexpr unsigned kSizeFollows = 0xF;
-
-void appendUTF8(std::string& out, char32_t codePoint)
-{
-    if (codePoint < 0x80) {
-        out.push_back(static_cast<char>(codePoint));
-    } else if (codePoint < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (codePoint >> 6)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    } else if (codePoint < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (codePoint >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (codePoint >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((codePoint >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (codePoint & 0x3F)));
-    }
-}
 
 class Reader {
 public:

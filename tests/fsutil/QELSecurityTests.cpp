@@ -17,6 +17,8 @@
 
 namespace {
 
+using testsupport::openDescriptorCount;
+
 const std::string kSixtyFourZeros(64, '0');
 
 class QELSecurityHashTest : public testing::Test {
@@ -154,22 +156,6 @@ TEST_F(QELSecurityHashTest, HashMatchesFileOfAnEmptyFileReturnsFourEvenForTheZer
     EXPECT_EQ(QELSecurity::hashMatchesFile(kSixtyFourZeros, path), 4);
     EXPECT_EQ(QELSecurity::hashMatchesFile("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855", path),
               4);
-}
-
-int openDescriptorCount()
-{
-    int count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    ::closedir(dir);
-    return count - 1;  // the listing's own descriptor
 }
 
 // How many mappings of the process name the path.

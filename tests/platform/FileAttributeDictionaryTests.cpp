@@ -27,6 +27,8 @@ using testsupport::writeFile;
 
 namespace {
 
+using testsupport::present;
+
 FileManager& fm()
 {
     return FileManager::defaultManager();
@@ -36,12 +38,6 @@ mode_t modeOf(const std::string& path)
 {
     struct stat st {};
     return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-bool present(const std::string& path)
-{
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
 }
 
 class ScopedUmask {

@@ -18,6 +18,8 @@
 
 namespace {
 
+using testsupport::present;
+
 using platform::FileManager;
 using platform::FileType;
 using testsupport::makeDirectories;
@@ -28,12 +30,6 @@ using testsupport::writeFile;
 FileManager& fm()
 {
     return FileManager::defaultManager();
-}
-
-bool present(const std::string& path)
-{
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
 }
 
 mode_t modeOf(const std::string& path)

@@ -28,6 +28,8 @@ using testsupport::writeFile;
 
 namespace {
 
+using testsupport::openDescriptorCount;
+
 bool isOpen(int fd)
 {
     return ::fcntl(fd, F_GETFD) != -1;
@@ -37,22 +39,6 @@ bool isCloseOnExec(int fd)
 {
     const int flags = ::fcntl(fd, F_GETFD);
     return flags != -1 && (flags & FD_CLOEXEC) != 0;
-}
-
-int openDescriptorCount()
-{
-    int count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    ::closedir(dir);
-    return count - 1;  // the listing's own descriptor
 }
 
 TEST(PosixUniqueFd, ClosesWhatItOwnsWhenItGoes)

@@ -25,34 +25,15 @@
 
 namespace {
 
+using testsupport::present;
+
+using testsupport::openDescriptorCount;
+
 using platform::TreeRemover;
 using testsupport::makeDirectories;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-// Whether anything (also a dangling link) is at the path.
-bool present(const std::string& path)
-{
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
-int openDescriptorCount()
-{
-    int count = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    ::closedir(dir);
-    return count - 1;  // the listing's own descriptor
-}
 
 // Builds folder/d/d/.../d, `depth` levels, with a file in every tenth level,
 // working through descriptors so the depth is not limited by PATH_MAX.

@@ -18,18 +18,14 @@
 
 namespace {
 
+using testsupport::present;
+
 using platform::Workspace;
 using platform::WorkspaceOperation;
 using testsupport::makeDirectories;
 using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-bool present(const std::string& path)
-{
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0;
-}
 
 bool destroy(const std::string& source, const std::vector<std::string>& files)
 {

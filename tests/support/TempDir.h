@@ -24,5 +24,10 @@ private:
 void writeFile(const std::string& path, const std::string& contents);
 std::string readFile(const std::string& path);
 void makeDirectories(const std::string& path);
+// Whether anything, a dangling link included, is at the path.
+bool present(const std::string& path);
+// How many descriptors the process has open, so a test can show that an
+// operation leaves none behind.
+int openDescriptorCount();
 
 }  // namespace testsupport
