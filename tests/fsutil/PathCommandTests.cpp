@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/FileModes.h"
 #include "tests/support/Sandbox.h"
 
 using testsupport::RunResult;
@@ -38,11 +39,7 @@ protected:
         return sandbox.runProgramAs(user, copy + "/Contents/MacOS/qelutil", arguments);
     }
 
-    mode_t modeOf(const std::string& path) const
-    {
-        struct stat st {};
-        return ::lstat(sandbox.hostPath(path).c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-    }
+    mode_t modeOf(const std::string& path) const { return testsupport::modeOf(sandbox.hostPath(path)); }
     void chown(const std::string& path, testsupport::User user) const
     {
         ASSERT_EQ(::lchown(sandbox.hostPath(path).c_str(), user.uid, user.gid), 0) << path;

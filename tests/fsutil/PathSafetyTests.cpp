@@ -10,11 +10,14 @@
 #include "platform/FileAttributeDictionary.h"
 #include "platform/User.h"
 #include "tests/support/Settings.h"
+#include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
 using testsupport::TempDir;
 
 namespace {
+
+using testsupport::modeOf;
 
 constexpr uid_t kOtherUser = 65534;  // nobody
 
@@ -34,12 +37,6 @@ protected:
         testsupport::writeFile(dir.at(name), "x");
         EXPECT_EQ(::chmod(dir.at(name).c_str(), mode), 0);
         return dir.at(name);
-    }
-
-    static mode_t modeOf(const std::string& path)
-    {
-        struct stat st {};
-        return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
     }
 
     static bool isSafeForMe(const std::string& path) { return QELSecurity::makePathOK(path, platform::userName()); }

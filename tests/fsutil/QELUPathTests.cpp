@@ -17,12 +17,15 @@
 #include "platform/Exception.h"
 #include "platform/User.h"
 #include "tests/support/Settings.h"
+#include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
 using testsupport::TempDir;
 using testsupport::writeFile;
 
 namespace {
+
+using testsupport::modeOf;
 
 constexpr uid_t kOtherUser = 65534;  // nobody
 constexpr uint32_t kLibraryDirectory = 5;
@@ -97,12 +100,6 @@ protected:
     {
         struct stat st {};
         return ::lstat(path.c_str(), &st) == 0;
-    }
-
-    static mode_t modeOf(const std::string& path)
-    {
-        struct stat st {};
-        return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
     }
 
     static int32_t priorErrorCode()
@@ -391,9 +388,11 @@ TEST_F(QELUPathTest, AUserDirectoryWithTheTextCheckForcedRaisesTheCodeAfterTheCa
 TEST_F(QELUPathTest, CreatingBelowASafeDirectoryMakesEachMissingOneWithMode0700)
 {
     folder("base/a", 0755);
-    const mode_t old = ::umask(0277);
-    const bool created = QELUCreateDirectoryAndIntermediates(dir.at("base/a/b/c"), dir.at("base"), 0);
-    ::umask(old);
+    bool created = false;
+    {
+        const testsupport::ScopedUmask umask(0277);
+        created = QELUCreateDirectoryAndIntermediates(dir.at("base/a/b/c"), dir.at("base"), 0);
+    }
     EXPECT_TRUE(created);
     EXPECT_EQ(modeOf(dir.at("base/a/b")), 0700U);
     EXPECT_EQ(modeOf(dir.at("base/a/b/c")), 0700U);

@@ -17,6 +17,7 @@
 
 #include "platform/FileManager.h"
 #include "platform/User.h"
+#include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
 using platform::FileAttributeDictionary;
@@ -27,42 +28,15 @@ using testsupport::writeFile;
 
 namespace {
 
+using testsupport::modeOf;
+using testsupport::ScopedUmask;
+using testsupport::setImmutableFlag;
+
 using testsupport::present;
 
 FileManager& fm()
 {
     return FileManager::defaultManager();
-}
-
-mode_t modeOf(const std::string& path)
-{
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-class ScopedUmask {
-public:
-    explicit ScopedUmask(mode_t mask) : theOld(::umask(mask)) {}
-    ScopedUmask(const ScopedUmask&) = delete;
-    ScopedUmask& operator=(const ScopedUmask&) = delete;
-    ~ScopedUmask() { ::umask(theOld); }
-
-private:
-    mode_t theOld;
-};
-
-// Sets or clears the file system's immutable flag; the test runs as root on a
-// file system that has the flag.
-void setImmutable(const std::string& path, bool on)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << path;
-    int flags = 0;
-    const bool read = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-    const bool written = read && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    ::close(fd);
-    ASSERT_TRUE(written) << "cannot change the immutable flag of " << path;
 }
 
 FileAttributeDictionary permissions(uint64_t mode)
@@ -107,9 +81,9 @@ TEST(FileAttributeDictionary, TheImmutableFlagIsTrueWhileTheFileSystemHasItSet)
 {
     TempDir dir;
     writeFile(dir.at("file"), "x");
-    setImmutable(dir.at("file"), true);
+    ASSERT_TRUE(setImmutableFlag(dir.at("file"), true));
     const auto attributes = fm().fileAttributesAtPath(dir.at("file"));
-    setImmutable(dir.at("file"), false);
+    ASSERT_TRUE(setImmutableFlag(dir.at("file"), false));
     ASSERT_TRUE(attributes);
     ASSERT_TRUE(std::holds_alternative<bool>(attributes->at(platform::kFileImmutable)));
     EXPECT_TRUE(std::get<bool>(attributes->at(platform::kFileImmutable)));

@@ -1,6 +1,7 @@
 #include "platform/FileManager.h"
 
 #include "tests/support/RunUnprivileged.h"
+#include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -18,6 +19,10 @@
 
 namespace {
 
+using testsupport::modeOf;
+using testsupport::ScopedUmask;
+using testsupport::setImmutableFlag;
+
 using testsupport::present;
 
 using platform::FileManager;
@@ -30,40 +35,6 @@ using testsupport::writeFile;
 FileManager& fm()
 {
     return FileManager::defaultManager();
-}
-
-mode_t modeOf(const std::string& path)
-{
-    struct stat st {};
-    return ::lstat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
-}
-
-// Sets the umask for one test and puts the old one back.
-class ScopedUmask {
-public:
-    explicit ScopedUmask(mode_t mask) : theOld(::umask(mask)) {}
-    ScopedUmask(const ScopedUmask&) = delete;
-    ScopedUmask& operator=(const ScopedUmask&) = delete;
-    ~ScopedUmask() { ::umask(theOld); }
-
-private:
-    mode_t theOld;
-};
-
-bool setImmutableFlag(const std::string& path, bool on)
-{
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-    if (fd < 0) {
-        return false;
-    }
-    int flags = 0;
-    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    if (done) {
-        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-        done = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    }
-    ::close(fd);
-    return done;
 }
 
 using Names = std::vector<std::string>;
