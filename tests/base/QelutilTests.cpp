@@ -1,7 +1,9 @@
 // qelutil as scripts use it: forced errors from the command line, the exit
 // statuses and the lines an escaping exception prints.
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Lines.h"
@@ -114,6 +116,72 @@ TEST(Qelutil, MalformedArgumentsExit64WithTheCommandsUsage)
         EXPECT_NE(result.standardError.find("usage: qelutil " + arguments.front()), std::string::npos)
             << result.standardError;
     }
+}
+
+// What follows the first line of standard error: the usage, without the
+// line that says what was wrong.
+std::string usageAfterTheComplaint(const std::string& standardError)
+{
+    const auto endOfFirstLine = standardError.find('\n');
+    return endOfFirstLine == std::string::npos ? std::string() : standardError.substr(endOfFirstLine + 1);
+}
+
+TEST(Qelutil, HelpPrintsTheUsageOfAMissingCommandOnStandardOutput)
+{
+    const RunResult help = runQelutil({"help"});
+    const RunResult noCommand = runQelutil({});
+    EXPECT_EQ(help.exitStatus, 0) << help.standardError;
+    EXPECT_EQ(help.standardError, "");
+    EXPECT_EQ(help.standardOutput, noCommand.standardError);
+    EXPECT_EQ(help.standardOutput.rfind("usage: qelutil COMMAND", 0), 0U) << help.standardOutput;
+}
+
+TEST(Qelutil, HelpListsTheCommandsWithTheirArgumentsOnceSortedByName)
+{
+    const std::vector<std::string> lines = linesOf(runQelutil({"help"}).standardOutput);
+    const std::vector<std::string> someCommands = {"  agent install BUNDLE NAME | agent remove BUNDLE", "  app-type",
+                                                   "  help [COMMAND]", "  mkdirs PATH BASE [skip-check]",
+                                                   "  sha256 [FILE]"};
+    std::vector<std::string> listed;
+    for (const auto& line : lines) {
+        if (std::find(someCommands.begin(), someCommands.end(), line) != someCommands.end()) {
+            listed.push_back(line);
+        }
+    }
+    EXPECT_EQ(listed, someCommands);
+}
+
+TEST(Qelutil, UnknownCommandPrintsTheSameUsageAsHelp)
+{
+    const RunResult unknown = runQelutil({"no-such-command"});
+    EXPECT_EQ(unknown.exitStatus, 64);
+    EXPECT_EQ(usageAfterTheComplaint(unknown.standardError), runQelutil({"help"}).standardOutput);
+}
+
+TEST(Qelutil, HelpOfACommandPrintsTheUsageItsBadCommandLinePrints)
+{
+    for (const auto& [command, badArguments] :
+         std::vector<std::pair<std::string, std::vector<std::string>>>{{"sha256", {"sha256", "a", "b"}},
+                                                                       {"raise", {"raise"}},
+                                                                       {"mkdirs", {"mkdirs", "/tmp"}},
+                                                                       {"help", {"help", "sha256", "raise"}}}) {
+        const RunResult help = runQelutil({"help", command});
+        const RunResult bad = runQelutil(badArguments);
+        EXPECT_EQ(help.exitStatus, 0) << command << ": " << help.standardError;
+        EXPECT_EQ(bad.exitStatus, 64) << command;
+        EXPECT_EQ(help.standardOutput.rfind("usage: qelutil " + command + " ", 0), 0U) << help.standardOutput;
+        EXPECT_EQ(help.standardOutput, usageAfterTheComplaint(bad.standardError)) << command;
+    }
+}
+
+TEST(Qelutil, HelpOfAnUnknownCommandIsAUsageError)
+{
+    const RunResult result = runQelutil({"help", "no-such-command"});
+    EXPECT_EQ(result.exitStatus, 64);
+    EXPECT_EQ(result.standardOutput, "");
+    EXPECT_NE(result.standardError.find("unknown command \"no-such-command\""), std::string::npos)
+        << result.standardError;
+    EXPECT_NE(result.standardError.find("usage: qelutil help [COMMAND]"), std::string::npos) << result.standardError;
 }
 
 TEST(Qelutil, SettingsStartAtTheFirstHyphenFollowedByALetter)

@@ -40,6 +40,20 @@ std::vector<Command> CommandRegistry::all()
     return result;
 }
 
+std::string CommandRegistry::usageText()
+{
+    std::string text = "usage: qelutil COMMAND [ARGUMENT ...] [-Key value ...]\ncommands:\n";
+    for (const auto& entry : commands()) {
+        text += "  " + entry.second.usage + "\n";
+    }
+    return text;
+}
+
+std::string CommandRegistry::usageText(const Command& command)
+{
+    return "usage: qelutil " + command.usage + " [-Key value ...]\n";
+}
+
 CommandRegistrar::CommandRegistrar(Command command)
 {
     CommandRegistry::add(std::move(command));

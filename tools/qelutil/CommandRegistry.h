@@ -39,6 +39,11 @@ public:
     static const Command* find(const std::string& name);
     // Every command, sorted by name.
     static std::vector<Command> all();
+    // The usage of qelutil: its command line and every command's usage, one
+    // a line. Made from the registry, so a new command appears by itself.
+    static std::string usageText();
+    // "usage: qelutil <command's usage> [-Key value ...]" and a new line.
+    static std::string usageText(const Command& command);
 };
 
 struct CommandRegistrar {

@@ -30,14 +30,9 @@ namespace {
 
 void printUsage(const qelutil::Command* command)
 {
-    if (command != nullptr) {
-        std::fprintf(stderr, "usage: qelutil %s [-Key value ...]\n", command->usage.c_str());
-        return;
-    }
-    std::fprintf(stderr, "usage: qelutil COMMAND [ARGUMENT ...] [-Key value ...]\ncommands:\n");
-    for (const auto& each : qelutil::CommandRegistry::all()) {
-        std::fprintf(stderr, "  %s\n", each.usage.c_str());
-    }
+    const std::string text =
+        command != nullptr ? qelutil::CommandRegistry::usageText(*command) : qelutil::CommandRegistry::usageText();
+    std::fputs(text.c_str(), stderr);
 }
 
 int runCommand(const qelutil::Command& command, const std::vector<std::string>& positional)
