@@ -142,7 +142,7 @@ std::string QELBase::receiveCommandOnPipe(int32_t fd)
 std::string QELBase::receiveCommandOnPipe(int32_t fd, const platform::Date& deadline)
 {
     for (;;) {
-        const std::string line = receiveLineOnPipe(fd, deadline);
+        std::string line = receiveLineOnPipe(fd, deadline);
         if (line == kCommandError) {
             // The argument is read by this same operation, so a control
             // command there is carried out first.
