@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "base/QELBaseConstants.h"
+#include "platform/Date.h"
 #include "platform/Error.h"
 #include "platform/Exception.h"
 
@@ -54,6 +55,30 @@ public:
     static void logError(const platform::Error& error);
     static void logErrorCode(int32_t code);
     static void logErrorString(const std::string& text);
+
+    // Command pipes: short text commands between two processes of the
+    // updater family over a descriptor the caller has opened and handed over.
+    // A command is its bytes and one line feed, one byte per character: the
+    // writer sends the low 8 bits of each UTF-16 unit of the command; the
+    // reader takes bytes up to 0x7F as those characters and bytes above as
+    // the characters U+0080 to U+00FF. The reader carries out the control
+    // commands kCommandError, kCommandLogNormal and kCommandLogVerbose itself
+    // and returns only ordinary commands.
+    //
+    // Writes the command and a line feed, each byte with a write of its own.
+    // A failed write (a broken or full pipe) is not reported.
+    static void sendCommand(const std::string& command, int32_t fd);
+    // The next ordinary command, without its line feed; waits for ever.
+    static std::string receiveCommandOnPipe(int32_t fd);
+    // As above until deadline, an absolute date that also holds for a control
+    // command's argument line and the command after it. Raises the fatal
+    // exception: 1852 when the deadline passes before a line is complete,
+    // 1880 when a read fails, the writer's code after kCommandError, and an
+    // error already pending before anything is read. A failure inside a read
+    // becomes the pending error and is raised at the next pass, so a
+    // partially read line is lost. The deadline is tested between bytes only:
+    // a read that blocks is not interrupted by it.
+    static std::string receiveCommandOnPipe(int32_t fd, const platform::Date& deadline);
 
     // Settings and identity.
     static std::string appType();

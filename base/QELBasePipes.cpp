@@ -1,0 +1,161 @@
+// Command pipes of QELBase: one text line per command over a descriptor that
+// the caller opened, read and written one byte at a time.
+//
+// The reader works in passes of one byte each. Every pass runs in a scope of
+// its own, so a reader that waits for a long time holds nothing but the line
+// it is building. A failure inside a pass (the deadline, a failed read) is
+// caught there and recorded as the process's pending error, which the next
+// pass raises once the failed pass has ended.
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+#include <string_view>
+
+#include "base/QELBase.h"
+#include "base/QELBaseConstants.h"
+#include "platform/PosixIO.h"
+#include "platform/Text.h"
+#include "platform/UTF8.h"
+
+namespace {
+
+constexpr useconds_t kPollIntervalMicroseconds = 100000;
+constexpr int32_t kDeadlinePassedErrorCode = 1852;
+constexpr int32_t kReadFailedErrorCode = 1880;
+constexpr int32_t kPipeExceptionHandlerID = 1881;
+constexpr unsigned char kLineFeed = '\n';
+constexpr int32_t kLogLevelNormal = 0;
+constexpr int32_t kLogLevelVerbose = 1;
+
+// One byte, one write. An interrupted write is repeated; any other outcome
+// is not examined: the protocol does not report a broken or full pipe.
+void writeByte(int32_t fd, unsigned char byte)
+{
+    static_cast<void>(platform::posix::retryOnEintr([&] { return ::write(fd, &byte, 1); }));
+}
+
+// The low 8 bits of a UTF-16 code unit.
+unsigned char lowByte(char32_t unit)
+{
+    return static_cast<unsigned char>(unit & 0xFFU);
+}
+
+// Writes the low 8 bits of each UTF-16 unit of the UTF-8 text: a character
+// past U+FFFF is two units (its surrogate pair). A byte that starts no
+// well-formed UTF-8 sequence stands for the unit of its own value.
+void writeUTF16LowBytes(int32_t fd, std::string_view text)
+{
+    std::size_t position = 0;
+    while (position < text.size()) {
+        const std::optional<platform::DecodedCharacter> decoded = platform::decodeUTF8At(text, position);
+        if (!decoded) {
+            writeByte(fd, static_cast<unsigned char>(text[position]));
+            ++position;
+            continue;
+        }
+        const char32_t codePoint = decoded->codePoint;
+        if (codePoint > 0xFFFFU) {
+            const char32_t offset = codePoint - 0x10000U;
+            writeByte(fd, lowByte(0xD800U + (offset >> 10U)));
+            writeByte(fd, lowByte(0xDC00U + (offset & 0x3FFU)));
+        } else {
+            writeByte(fd, lowByte(codePoint));
+        }
+        position += decoded->length;
+    }
+}
+
+// One byte as one character: up to 0x7F itself, above that the character of
+// the same value (U+0080 to U+00FF), so every line read is UTF-8 and a
+// Latin-1 command comes back as it was sent.
+void appendByte(std::string& line, unsigned char byte)
+{
+    if (byte < 0x80U) {
+        line.push_back(static_cast<char>(byte));
+    } else {
+        platform::appendUTF8(line, byte);
+    }
+}
+
+// One line without its line feed, read in passes of one byte.
+std::string receiveLineOnPipe(int32_t fd, const platform::Date& deadline)
+{
+    std::string line;
+    // The exception a pass caught, until the next pass has asked for the
+    // pending error.
+    std::optional<platform::Exception> caught;
+    bool complete = false;
+    while (!complete) {
+        QELBase::raiseOnPriorError();
+        if (caught) {
+            // The pending error raised nothing: the error recorded first has
+            // code 0 (a writer's "error" with no number). Raising what the
+            // pass caught keeps the deadline and a failed read final.
+            throw platform::Exception(*std::move(caught));
+        }
+        try {
+            if (platform::Date::now().compare(deadline) > 0) {
+                QELBase::raiseWithErrorCode(kDeadlinePassedErrorCode);
+            }
+            unsigned char byte = 0;
+            const ssize_t count = platform::posix::retryOnEintr([&] { return ::read(fd, &byte, 1); });
+            // A non-blocking descriptor with nothing to read says so with
+            // EAGAIN: no data, like a writer that has closed its end.
+            const bool noData = count == 0 || (count == -1 && (errno == EAGAIN || errno == EWOULDBLOCK));
+            if (count == -1 && !noData) {
+                QELBase::raiseWithErrorCode(kReadFailedErrorCode);
+            }
+            if (noData) {
+                // Nothing yet, or the writer has closed its end: poll.
+                ::usleep(kPollIntervalMicroseconds);
+            } else if (byte == kLineFeed) {
+                complete = true;
+            } else {
+                appendByte(line, byte);
+            }
+        } catch (const platform::Exception& exception) {
+            // Recorded as the pending error (unless one is pending already or
+            // it is the non-fatal kind) and raised by the next pass.
+            QELBase::handleRaise(exception, kPipeExceptionHandlerID);
+            if (exception.name() == QEL_FATAL_EXCEPTION_NAME) {
+                caught = exception;
+            }
+        }
+    }
+    return line;
+}
+
+}  // namespace
+
+void QELBase::sendCommand(const std::string& command, int32_t fd)
+{
+    writeUTF16LowBytes(fd, command);
+    writeByte(fd, kLineFeed);
+}
+
+std::string QELBase::receiveCommandOnPipe(int32_t fd)
+{
+    return receiveCommandOnPipe(fd, platform::Date::distantFuture());
+}
+
+std::string QELBase::receiveCommandOnPipe(int32_t fd, const platform::Date& deadline)
+{
+    for (;;) {
+        std::string line = receiveLineOnPipe(fd, deadline);
+        if (line == kCommandError) {
+            // The argument is read by this same operation, so a control
+            // command there is carried out first.
+            raiseWithErrorCode(platform::intValue(receiveCommandOnPipe(fd, deadline)));
+        }
+        if (line == kCommandLogNormal || line == kCommandLogVerbose) {
+            const std::string message = receiveCommandOnPipe(fd, deadline);
+            log(message, line == kCommandLogNormal ? kLogLevelNormal : kLogLevelVerbose);
+            // The command after the message is what the caller gets: read it
+            // in the next round rather than one call deeper, so a long run
+            // of log commands does not deepen the stack.
+            continue;
+        }
+        return line;
+    }
+}
