@@ -451,7 +451,17 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
         start = end + 1;
     }
     if (refused || components.empty()) {
-        walk.fail(withSingleSlashes(joinPath(folder, relative)), reasonOf(std::errc::invalid_argument));
+        // Nothing but slashes names the folder itself: say so when it is a
+        // protected one ("/").
+        std::error_code reason = reasonOf(std::errc::invalid_argument);
+        struct stat named {};
+        if (!refused && ::stat(folder.empty() ? "." : folder.c_str(), &named) == 0) {
+            if (const std::error_code refusal =
+                    protectedFolders().refusal(named.st_dev, named.st_ino, resolvedPathOf(folder))) {
+                reason = refusal;
+            }
+        }
+        walk.fail(withSingleSlashes(joinPath(folder, relative)), reason);
         return false;
     }
     std::string displayPath = folder;
