@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/support/RemoverFixture.h"
+#include "tests/support/UpdaterAgents.h"
 
 namespace {
 
@@ -302,6 +303,33 @@ TEST_P(RemovalGuardTest, DamagedPropertyListsLetTheSequenceRunToItsEnd)
         EXPECT_TRUE(damaged.exists("~/Library/LaunchAgents/wide-length.plist"));
         EXPECT_TRUE(damaged.exists("~/Library/LaunchAgents/wide-offset.plist"));
     }
+}
+
+TEST_P(RemovalGuardTest, AgentSweepDoesNotFollowALaunchAgentsFolderThatIsALink)
+{
+    const std::string stale = "/Library/LaunchAgents/com.corvane.QEL.stale.plist";
+    sandbox.writeFile(stale, agentXml("com.corvane.QEL.stale", {"/Applications/Gone/Helper"}));
+    sandbox.makeDirectory("~/Library");
+    sandbox.makeSymlink(kAgents, "/Library/LaunchAgents");
+    const RunResult result = runWithLog("");
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    EXPECT_EQ(result.standardOutput, afterLog());
+    EXPECT_TRUE(sandbox.exists(stale));
+    EXPECT_EQ(launchctlCalls(sandbox), std::vector<JournalEntry>{});
+}
+
+TEST_P(RemovalGuardTest, AgentSweepRemovesNoPlistThroughALinkedSubFolder)
+{
+    const std::string stale = "/Library/Elsewhere/com.corvane.QEL.stale.plist";
+    sandbox.writeFile(stale, agentXml("com.corvane.QEL.stale", {"/Applications/Gone/Helper"}));
+    sandbox.makeDirectory(kAgents);
+    sandbox.makeSymlink(std::string(kAgents) + "/sub", "/Library/Elsewhere");
+    const RunResult result = runWithLog("");
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    EXPECT_EQ(result.standardOutput, afterLog());
+    EXPECT_TRUE(sandbox.exists(stale));
+    EXPECT_TRUE(sandbox.exists(std::string(kAgents) + "/sub"));
+    EXPECT_EQ(launchctlCalls(sandbox), std::vector<JournalEntry>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(RemovalGuard, RemovalGuardTest, testing::Values(Layout::SeparateMounts, Layout::SingleDisk),
