@@ -102,7 +102,8 @@ void installAgent(const std::string& bundlePath, const std::optional<std::string
 
 bool isLink(const std::string& path)
 {
-    const std::optional<platform::FileAttributes> attributes = FileManager::defaultManager().attributesOfItemAtPath(path);
+    const std::optional<platform::FileAttributes> attributes =
+        FileManager::defaultManager().attributesOfItemAtPath(path);
     return attributes && attributes->type == platform::FileType::SymbolicLink;
 }
 

@@ -13,18 +13,12 @@ public:
     std::string message(int value) const override
     {
         switch (static_cast<RemovalRefusal>(value)) {
-        case RemovalRefusal::SystemFolder:
-            return "a protected system folder";
-        case RemovalRefusal::HomeFolder:
-            return "a home folder";
-        case RemovalRefusal::HomeStandardFolder:
-            return "a standard folder of the home folder";
-        case RemovalRefusal::RunningBundle:
-            return "the running program's bundle";
-        case RemovalRefusal::MountPoint:
-            return "a mount point";
-        case RemovalRefusal::UnknownMount:
-            return "a mount the system cannot identify";
+        case RemovalRefusal::SystemFolder: return "a protected system folder";
+        case RemovalRefusal::HomeFolder: return "a home folder";
+        case RemovalRefusal::HomeStandardFolder: return "a standard folder of the home folder";
+        case RemovalRefusal::RunningBundle: return "the running program's bundle";
+        case RemovalRefusal::MountPoint: return "a mount point";
+        case RemovalRefusal::UnknownMount: return "a mount the system cannot identify";
         }
         return "refused";
     }
@@ -33,10 +27,8 @@ public:
     {
         switch (static_cast<RemovalRefusal>(value)) {
         case RemovalRefusal::MountPoint:
-        case RemovalRefusal::UnknownMount:
-            return std::errc::device_or_resource_busy;
-        default:
-            return std::errc::operation_not_permitted;
+        case RemovalRefusal::UnknownMount: return std::errc::device_or_resource_busy;
+        default: return std::errc::operation_not_permitted;
         }
     }
 };

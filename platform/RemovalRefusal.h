@@ -31,4 +31,5 @@ std::error_code make_error_code(RemovalRefusal refusal) noexcept;
 }  // namespace platform
 
 template <>
-struct std::is_error_code_enum<platform::RemovalRefusal> : std::true_type {};
+struct std::is_error_code_enum<platform::RemovalRefusal> : std::true_type {
+};

@@ -258,9 +258,9 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const st
     }
     // The item as it really is, whatever way the caller's path took to it.
     const ProtectedFolders& guard = protectedFolders();
-    const std::error_code refusal = guard.refusal(
-        item.st_dev, item.st_ino,
-        guard.needsResolvedPath() ? joinPath(resolvedFolderPath(directoryFd), name) : std::string());
+    const std::error_code refusal =
+        guard.refusal(item.st_dev, item.st_ino,
+                      guard.needsResolvedPath() ? joinPath(resolvedFolderPath(directoryFd), name) : std::string());
     if (refusal) {
         walk.fail(displayPath, refusal);
         return false;

@@ -48,7 +48,10 @@ public:
     // with its path and the reason (TreeRemover.h), so that a caller of that
     // form can say why; an empty handler (the default) tells nobody. The
     // second form uses its own `onFailure` instead.
-    void setDestroyFailureHandler(TreeRemover::FailureHandler handler) { theDestroyFailureHandler = std::move(handler); }
+    void setDestroyFailureHandler(TreeRemover::FailureHandler handler)
+    {
+        theDestroyFailureHandler = std::move(handler);
+    }
 
     // Only clearing is supported (image = nullptr): a folder's custom icon is
     // the file "Icon\r" inside it. True when no custom icon remains (also when

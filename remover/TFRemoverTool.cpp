@@ -458,9 +458,9 @@ bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
         [&failures](const std::string& item, std::error_code reason) { failures.add(item, reason); });
     bool destroyed = false;
     try {
-        destroyed = workspace.performFileOperation(WorkspaceOperation::Destroy,
-                                                   platform::deletingLastPathComponent(path), std::nullopt,
-                                                   {platform::lastPathComponent(path)}, tag);
+        destroyed =
+            workspace.performFileOperation(WorkspaceOperation::Destroy, platform::deletingLastPathComponent(path),
+                                           std::nullopt, {platform::lastPathComponent(path)}, tag);
     } catch (...) {
         workspace.setDestroyFailureHandler(nullptr);
         throw;

@@ -231,9 +231,9 @@ TEST_P(RemovalGuardTest, OrdinaryEntriesInsideProtectedFoldersStillGo)
     sandbox.writeFile("/Library/Preferences/com.corvane.other.plist", "x");
     sandbox.writeFile("~/Library/LaunchAgents/com.corvane.helper.plist", "x");
     sandbox.writeFile("/Applications/Corvane Extra.app/Contents/Info.plist", "x");
-    const RunResult result = runWithLog(
-        "/Library/Application Support/Corvane/Lumidoc/10\n/Library/Preferences/com.corvane.other.plist\n"
-        "~/Library/LaunchAgents/com.corvane.helper.plist\n/Applications/Corvane Extra.app\n");
+    const RunResult result =
+        runWithLog("/Library/Application Support/Corvane/Lumidoc/10\n/Library/Preferences/com.corvane.other.plist\n"
+                   "~/Library/LaunchAgents/com.corvane.helper.plist\n/Applications/Corvane Extra.app\n");
     ASSERT_EQ(result.exitStatus, 0) << describe(result);
     EXPECT_EQ(result.standardOutput, line(kRemoved, "/Library/Application Support/Corvane/Lumidoc/10") +
                                          line(kRemoved, "/Library/Preferences/com.corvane.other.plist") +
