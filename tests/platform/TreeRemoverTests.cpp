@@ -649,7 +649,7 @@ TEST(TreeRemoverGuard, BindMountOfTheSameDiskInsideTheItemStaysAndTheItemItselfI
     writeFile(dir.at("item/file"), "x");
     makeDirectories(dir.at("item/deep/mnt"));
     makeDirectories(dir.at("bound"));
-    const std::string root = dir.path();
+    const std::string& root = dir.path();
     const int status = runInOwnMountNamespace([&root] {
         if (::mount((root + "/source").c_str(), (root + "/item/deep/mnt").c_str(), nullptr, MS_BIND, nullptr) != 0 ||
             ::mount((root + "/source").c_str(), (root + "/bound").c_str(), nullptr, MS_BIND, nullptr) != 0) {
