@@ -18,7 +18,6 @@ namespace {
 using namespace testsupport;
 
 constexpr char kSystemFolder[] = "a protected system folder";
-constexpr char kHomeFolder[] = "a home folder";
 constexpr char kHomeStandardFolder[] = "a standard folder of the home folder";
 constexpr char kRunningBundle[] = "the running program's bundle";
 constexpr char kMountPoint[] = "a mount point";
