@@ -1,5 +1,9 @@
 #include "fsutil/SetupQELAgent.h"
 
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "fsutil/QELUHash.h"
@@ -96,6 +100,30 @@ void installAgent(const std::string& bundlePath, const std::optional<std::string
     runLaunchctl(kLaunchctl_Arg_load, plistPath);
 }
 
+bool isLink(const std::string& path)
+{
+    const std::optional<platform::FileAttributes> attributes =
+        FileManager::defaultManager().attributesOfItemAtPath(path);
+    return attributes && attributes->type == platform::FileType::SymbolicLink;
+}
+
+// Whether agents/relative is reached without passing a link: the sweep stays
+// in the user's own agents folder, also when a sub-folder has been replaced
+// by a link since it was listed. The item itself may be a link (removing it
+// removes only the link).
+bool reachedWithoutLink(const std::string& agents, const std::string& relative)
+{
+    std::string folder = agents;
+    const std::vector<std::string> components = platform::componentsSeparatedByString(relative, "/");
+    for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+        folder = platform::appendingPathComponent(folder, components[i]);
+        if (isLink(folder)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Where a bundle's agent lives: the user's Library folder, its LaunchAgents
 // folder, the label and the property-list path, worked out in that order.
 struct AgentLocation {
@@ -133,6 +161,11 @@ void SetupQELAgent(const platform::Bundle& bundle, const std::optional<std::stri
     if (!fileManager.fileExistsAtPath(library, &isDirectory) || !isDirectory) {
         return;
     }
+    // Only the user's own agents folder: a Library or LaunchAgents folder
+    // that is a link to elsewhere (the system-wide agents, say) is left alone.
+    if (isLink(library) || isLink(agents)) {
+        return;
+    }
     if (fileManager.fileExistsAtPath(agents, &isDirectory)) {
         if (!isDirectory) {
             return;
@@ -141,15 +174,19 @@ void SetupQELAgent(const platform::Bundle& bundle, const std::optional<std::stri
         return;
     }
 
-    // Gather first, remove afterwards: nothing changes under the walk.
-    std::vector<std::string> stale;
+    // Gather first, remove afterwards: nothing changes under the walk. The
+    // listing never enters a linked sub-folder.
+    std::vector<std::pair<std::string, std::string>> stale;
     for (const std::string& entry : fileManager.enumeratorAtPath(agents).value_or(std::vector<std::string>{})) {
         const std::string candidate = platform::appendingPathComponent(agents, entry);
         if (isStaleAgent(candidate)) {
-            stale.push_back(candidate);
+            stale.emplace_back(entry, candidate);
         }
     }
-    for (const std::string& agent : stale) {
+    for (const auto& [entry, agent] : stale) {
+        if (!reachedWithoutLink(agents, entry)) {
+            continue;
+        }
         runLaunchctl(kLaunchctl_Arg_unload, agent);
         fileManager.removeItemAtPath(agent);
     }

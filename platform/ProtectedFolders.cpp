@@ -15,10 +15,10 @@ namespace platform {
 
 namespace {
 
-constexpr const char* kSystemReason = "a protected system folder";
-constexpr const char* kHomeReason = "a home folder";
-constexpr const char* kHomeStandardReason = "a standard folder of the home folder";
-constexpr const char* kBundleReason = "the running program's bundle";
+constexpr RemovalRefusal kSystemReason = RemovalRefusal::SystemFolder;
+constexpr RemovalRefusal kHomeReason = RemovalRefusal::HomeFolder;
+constexpr RemovalRefusal kHomeStandardReason = RemovalRefusal::HomeStandardFolder;
+constexpr RemovalRefusal kBundleReason = RemovalRefusal::RunningBundle;
 
 // The standard sub-folders of a Library folder, system-wide or in a home.
 constexpr std::array kLibraryFolders = {
@@ -270,7 +270,7 @@ ProtectedFolders::ProtectedFolders(const Lists& lists)
     }
 }
 
-void ProtectedFolders::add(const std::string& path, const char* reason)
+void ProtectedFolders::add(const std::string& path, RemovalRefusal reason)
 {
     struct stat status {};
     // What the path leads to, and the link itself when it is one: destroying
@@ -283,18 +283,26 @@ void ProtectedFolders::add(const std::string& path, const char* reason)
     }
 }
 
-std::optional<std::string> ProtectedFolders::reasonToRefuse(dev_t device, ino_t inode,
-                                                            const std::string& resolvedPath) const
+std::error_code ProtectedFolders::refusal(dev_t device, ino_t inode, const std::string& resolvedPath) const
 {
     const auto found = theReasons.find(Identity{device, inode});
     if (found != theReasons.end()) {
-        return std::string(found->second);
+        return found->second;
     }
     for (const auto& tree : theTrees) {
         if (resolvedPath.size() > tree.size() && resolvedPath.compare(0, tree.size(), tree) == 0 &&
             (resolvedPath[tree.size()] == '/' || tree == "/")) {
-            return std::string(kSystemReason);
+            return kSystemReason;
         }
+    }
+    return {};
+}
+
+std::optional<std::string> ProtectedFolders::reasonToRefuse(dev_t device, ino_t inode,
+                                                            const std::string& resolvedPath) const
+{
+    if (const std::error_code reason = refusal(device, inode, resolvedPath)) {
+        return reason.message();
     }
     return std::nullopt;
 }

@@ -16,8 +16,11 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <unordered_map>
 #include <vector>
+
+#include "platform/RemovalRefusal.h"
 
 namespace platform {
 
@@ -51,6 +54,16 @@ public:
     // comparison per protected tree.
     std::optional<std::string> reasonToRefuse(dev_t device, ino_t inode, const std::string& resolvedPath) const;
 
+    // The same as an error of RemovalRefusal (empty when the item may go),
+    // for a walk that already holds the identity. resolvedPath is only looked
+    // at when a protected tree exists (needsResolvedPath()), so a caller may
+    // leave it empty otherwise and spare the work of resolving it.
+    std::error_code refusal(dev_t device, ino_t inode, const std::string& resolvedPath) const;
+
+    // Whether refusal() needs the resolved path: only a protected tree (a
+    // folder with everything below it) is judged by its path.
+    bool needsResolvedPath() const noexcept { return !theTrees.empty(); }
+
     // The same for a path: its folder is resolved (links and ".." followed) and
     // its last component examined without following a link. None also when
     // the item does not exist (nothing to protect then).
@@ -69,9 +82,9 @@ private:
         std::size_t operator()(const Identity& identity) const noexcept;
     };
 
-    void add(const std::string& path, const char* reason);
+    void add(const std::string& path, RemovalRefusal reason);
 
-    std::unordered_map<Identity, const char*, IdentityHash> theReasons;
+    std::unordered_map<Identity, RemovalRefusal, IdentityHash> theReasons;
     std::vector<std::string> theTrees;  // resolved, without a trailing slash
 };
 

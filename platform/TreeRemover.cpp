@@ -1,8 +1,17 @@
 #include "platform/TreeRemover.h"
 
+#include "platform/MountPoint.h"
 #include "platform/PosixIO.h"
+#include "platform/ProtectedFolders.h"
+#include "platform/RemovalRefusal.h"
 
+#include <array>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <optional>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -57,6 +66,42 @@ std::string joinPath(const std::string& folder, const std::string& name)
         return name;
     }
     return folder.back() == '/' ? folder + name : folder + "/" + name;
+}
+
+// Where the folder open at directoryFd really is (links and ".." resolved);
+// "" when it cannot be told.
+std::string resolvedFolderPath(int directoryFd)
+{
+    if (directoryFd == AT_FDCWD) {
+        std::array<char, PATH_MAX> buffer{};
+        return ::getcwd(buffer.data(), buffer.size()) != nullptr ? std::string(buffer.data()) : std::string();
+    }
+    std::array<char, PATH_MAX> buffer{};
+    const std::string link = "/proc/self/fd/" + std::to_string(directoryFd);
+    const ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size() - 1);
+    return length > 0 ? std::string(buffer.data(), static_cast<std::size_t>(length)) : std::string();
+}
+
+// The same for a path's folder ("" when it cannot be resolved).
+std::string resolvedPathOf(const std::string& path)
+{
+    struct FreeDeleter {
+        void operator()(char* text) const noexcept { std::free(text); }
+    };
+    const std::unique_ptr<char, FreeDeleter> real(::realpath(path.c_str(), nullptr));
+    return real ? std::string(real.get()) : std::string();
+}
+
+// The path with every run of slashes made one, for reporting a refused text.
+std::string withSingleSlashes(const std::string& path)
+{
+    std::string result;
+    for (const char c : path) {
+        if (c != '/' || result.empty() || result.back() != '/') {
+            result.push_back(c);
+        }
+    }
+    return result;
 }
 
 // The caller's path of the folder at the top of the stack.
@@ -143,9 +188,10 @@ bool readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, cons
             }
             if (S_ISDIR(st.st_mode)) {
                 if (st.st_dev == device) {
+                    // A mount of the same disk is caught when it is opened.
                     subfolders.emplace_back(name);
                 } else {
-                    fail(name, reasonOf(std::errc::device_or_resource_busy));
+                    fail(name, RemovalRefusal::MountPoint);
                 }
                 continue;
             }
@@ -210,6 +256,15 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const st
         walk.fail(displayPath, posix::lastError());
         return false;
     }
+    // The item as it really is, whatever way the caller's path took to it.
+    const ProtectedFolders& guard = protectedFolders();
+    const std::error_code refusal =
+        guard.refusal(item.st_dev, item.st_ino,
+                      guard.needsResolvedPath() ? joinPath(resolvedFolderPath(directoryFd), name) : std::string());
+    if (refusal) {
+        walk.fail(displayPath, refusal);
+        return false;
+    }
     if (!S_ISDIR(item.st_mode)) {
         if (::unlinkat(directoryFd, name.c_str(), 0) != 0) {
             walk.fail(displayPath, posix::lastError());
@@ -221,19 +276,19 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const st
         walk.fail(displayPath, reasonOf(std::errc::invalid_argument));
         return false;
     }
-    struct stat parent {};
-    const int parentStatus = directoryFd == AT_FDCWD ? ::stat(".", &parent) : ::fstat(directoryFd, &parent);
-    if (parentStatus != 0) {
-        walk.fail(displayPath, posix::lastError());
-        return false;
-    }
-    if (parent.st_dev != item.st_dev) {
-        // The item is itself a mount point: it stays.
-        walk.fail(displayPath, reasonOf(std::errc::device_or_resource_busy));
+    // A mount root stays, also a bind mount of the same disk.
+    const std::optional<bool> mountRoot = MountPoint::isMountRoot(directoryFd, name.c_str());
+    if (!mountRoot || *mountRoot) {
+        walk.fail(displayPath, mountRoot ? RemovalRefusal::MountPoint : RemovalRefusal::UnknownMount);
         return false;
     }
     removeFolder(directoryFd, name, displayPath, item.st_dev, item.st_ino, walk);
     return !walk.failed();
+}
+
+const ProtectedFolders& TreeRemover::protectedFolders() const
+{
+    return theProtectedFolders != nullptr ? *theProtectedFolders : ProtectedFolders::shared();
 }
 
 void TreeRemover::removeFolder(int parentFd, const std::string& name, const std::string& displayPath, dev_t device,
@@ -253,6 +308,13 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
     if (top.st_dev != device || top.st_ino != inode) {
         // Replaced by another folder since it was looked at.
         walk.fail(displayPath, reasonOf(std::errc::operation_canceled));
+        return;
+    }
+    // The walk stays on this one mount: a folder whose mount differs is a
+    // mount point, even of the same disk (the device number is the same then).
+    const std::optional<uint64_t> mount = MountPoint::mountIdOf(topFd.get());
+    if (!mount) {
+        walk.fail(displayPath, RemovalRefusal::UnknownMount);
         return;
     }
 
@@ -291,8 +353,8 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
                 failInCurrent(child, statError);
                 continue;
             }
-            if (st.st_dev != device) {
-                failInCurrent(child, reasonOf(std::errc::device_or_resource_busy));
+            if (st.st_dev != device || MountPoint::mountIdOf(childFd.get()) != mount) {
+                failInCurrent(child, RemovalRefusal::MountPoint);
                 continue;
             }
             stack.push_back(Frame{std::move(childFd), st.st_dev, st.st_ino, std::move(child), {}, false});
@@ -389,7 +451,17 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
         start = end + 1;
     }
     if (refused || components.empty()) {
-        walk.fail(joinPath(folder, relative), reasonOf(std::errc::invalid_argument));
+        // Nothing but slashes names the folder itself: say so when it is a
+        // protected one ("/").
+        std::error_code reason = reasonOf(std::errc::invalid_argument);
+        struct stat named {};
+        if (!refused && ::stat(folder.empty() ? "." : folder.c_str(), &named) == 0) {
+            if (const std::error_code refusal =
+                    protectedFolders().refusal(named.st_dev, named.st_ino, resolvedPathOf(folder))) {
+                reason = refusal;
+            }
+        }
+        walk.fail(withSingleSlashes(joinPath(folder, relative)), reason);
         return false;
     }
     std::string displayPath = folder;
@@ -397,15 +469,33 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
         displayPath = joinPath(displayPath, component);
     }
     if (components.size() == 1) {
-        // Anything but a folder goes with one unlink of its full path: the
-        // last component is never followed, a folder answers EISDIR and a
-        // mount point EBUSY. Only folders need the walk below.
-        if (::unlinkat(AT_FDCWD, displayPath.c_str(), 0) == 0) {
-            return true;
-        }
-        if (errno != EISDIR) {
+        // Anything but a folder goes with one unlink of its full path (the
+        // last component is never followed), once the guard has seen its
+        // identity: a protected link ("/lib") would go with that unlink.
+        // Only folders need the walk below.
+        struct stat item {};
+        if (::fstatat(AT_FDCWD, displayPath.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) {
             walk.fail(displayPath, posix::lastError());
             return false;
+        }
+        if (!S_ISDIR(item.st_mode)) {
+            const ProtectedFolders& guard = protectedFolders();
+            const std::error_code refusal = guard.refusal(
+                item.st_dev, item.st_ino,
+                guard.needsResolvedPath() ? joinPath(resolvedPathOf(folder.empty() ? "." : folder), components[0])
+                                          : std::string());
+            if (refusal) {
+                walk.fail(displayPath, refusal);
+                return false;
+            }
+            if (::unlinkat(AT_FDCWD, displayPath.c_str(), 0) == 0) {
+                return true;
+            }
+            if (errno != EISDIR) {
+                // EISDIR: became a folder since it was looked at.
+                walk.fail(displayPath, posix::lastError());
+                return false;
+            }
         }
     }
     FolderHandle current(folder);

@@ -6,9 +6,20 @@
 // - the walk works relative to open directory descriptors (openat with
 //   O_NOFOLLOW | O_DIRECTORY, fstatat without following, unlinkat), so a
 //   folder swapped for a link while the walk runs cannot redirect it;
-// - it never descends into another file system: a mount point inside the
-//   item (or the item itself being one) stays, and the result is false;
+// - it never leaves the item's mount: a mount point inside the item (or the
+//   item itself being one) stays, and the result is false. A mount is
+//   recognised by its mount (MountPoint.h), not by its device number, so a
+//   bind mount of the same disk stays too;
 // - it refuses "/" itself and the names "", "." and "..";
+// - it refuses the protected folders (ProtectedFolders.h: "/", the system's
+//   folders, every home folder, the standard folders of the running user's
+//   home, the running program's bundle). The item is judged by what would
+//   really be removed: its folder is reached as the walk reaches it (links
+//   and ".." on the way followed) and the item itself, never followed, is
+//   compared by device and inode. A link is only the link, so it goes unless
+//   the link itself is protected ("/lib"). Nothing in a refused item is
+//   touched. The set is built once per process; the check costs a hash
+//   lookup per item named by the caller, nothing per entry of the walk;
 // - it has no depth limit: the walk is iterative, keeps only a small window
 //   of descriptors open and climbs back up through "..", checking that each
 //   folder it climbs into is the one it came down from;
@@ -32,8 +43,16 @@
 //             read_only_file_system, ...);
 //           - invalid_argument for a refused name ("", ".", "..", a ".."
 //             component, "/" itself);
-//           - device_or_resource_busy (EBUSY) for a mount point, inside the
-//             item or the item itself: it stays as it is;
+//           - a RemovalRefusal (RemovalRefusal.h, its own error category) for
+//             a protected folder: its message() is the reason as text ("a
+//             protected system folder", "a home folder", "a standard folder
+//             of the home folder", "the running program's bundle"), and it
+//             compares equal to std::errc::operation_not_permitted;
+//           - RemovalRefusal::MountPoint ("a mount point") for a mount point,
+//             inside the item or the item itself: it stays as it is. It
+//             compares equal to std::errc::device_or_resource_busy, as does
+//             RemovalRefusal::UnknownMount when the kernel cannot tell a
+//             folder's mount (then the folder is left alone);
 //           - operation_canceled when the tree was moved under the walk so
 //             that climbing back would leave the item: the walk stops there.
 //
@@ -49,6 +68,8 @@
 #include <utility>
 
 namespace platform {
+
+class ProtectedFolders;
 
 class TreeRemover {
 public:
@@ -89,8 +110,15 @@ public:
         theBeforeOpeningFolder = std::move(hook);
     }
 
+    // The protected folders this remover refuses (see ProtectedFolders.h);
+    // by default the set of the process. Tests give a set of their own, which
+    // must outlive the remover.
+    void setProtectedFolders(const ProtectedFolders& folders) { theProtectedFolders = &folders; }
+
 private:
     class Walk;
+
+    const ProtectedFolders& protectedFolders() const;
 
     bool removeEntry(int directoryFd, const std::string& name, const std::string& displayPath, Walk& walk) const;
     void removeFolder(int parentFd, const std::string& name, const std::string& displayPath, dev_t device, ino_t inode,
@@ -99,6 +127,7 @@ private:
     std::size_t theOpenAncestors = kDefaultOpenAncestors;
     FailureHandler theFailureHandler;
     std::function<void(int, const std::string&)> theBeforeOpeningFolder;
+    const ProtectedFolders* theProtectedFolders = nullptr;
 };
 
 }  // namespace platform

@@ -37,7 +37,7 @@ bool Workspace::performFileOperation(WorkspaceOperation operation, const std::st
                                      const std::optional<std::string>& destination,
                                      const std::vector<std::string>& files, int32_t* tag)
 {
-    return performFileOperation(operation, source, destination, files, tag, nullptr);
+    return performFileOperation(operation, source, destination, files, tag, nullptr, theDestroyFailureHandler);
 }
 
 bool Workspace::performFileOperation(WorkspaceOperation operation, const std::string& source,

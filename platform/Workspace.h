@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -43,6 +44,15 @@ public:
                               int32_t* tag, std::error_code* error,
                               const TreeRemover::FailureHandler& onFailure = nullptr);
 
+    // Called for every item that a destroy through the first form leaves,
+    // with its path and the reason (TreeRemover.h), so that a caller of that
+    // form can say why; an empty handler (the default) tells nobody. The
+    // second form uses its own `onFailure` instead.
+    void setDestroyFailureHandler(TreeRemover::FailureHandler handler)
+    {
+        theDestroyFailureHandler = std::move(handler);
+    }
+
     // Only clearing is supported (image = nullptr): a folder's custom icon is
     // the file "Icon\r" inside it. True when no custom icon remains (also when
     // there was none); false when it could not be removed or the path is
@@ -51,6 +61,9 @@ public:
 
 protected:
     Workspace() = default;
+
+private:
+    TreeRemover::FailureHandler theDestroyFailureHandler;
 };
 
 }  // namespace platform

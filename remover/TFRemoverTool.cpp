@@ -1,11 +1,15 @@
 #include "remover/TFRemoverTool.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <dlfcn.h>
+#include <string>
+#include <system_error>
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
 #include "platform/Bundle.h"
+#include "platform/ConsoleLog.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Path.h"
@@ -334,7 +338,11 @@ void TFRemoverTool::deleteParentFolder(const std::string& path)
     // Every entry counts, hidden or not: nothing is removed to make the
     // folder empty.
     const std::optional<std::vector<std::string>> contents = fileManager.contentsOfDirectoryAtPath(path);
-    const bool removed = contents && contents->empty() && fileManager.removeItemAtPath(path);
+    std::error_code reason;
+    const bool removed = contents && contents->empty() && fileManager.removeItemAtPath(path, &reason);
+    if (reason) {
+        platform::ConsoleLog::log("not removed: " + path + ": " + reason.message());
+    }
     printStatus(removed ? kStatusRemoved : kStatusErrorRemovingFile, path);
 }
 
@@ -404,11 +412,64 @@ void TFRemoverTool::removeQELLaunchdAgent()
                  platform::utf8StringOrNull(plistPath));
 }
 
+namespace {
+
+// Collects why a destroy left something, for one console line per destroy:
+// the first item that stayed with its reason, and how many more did.
+class DestroyFailures {
+public:
+    void add(const std::string& path, std::error_code reason)
+    {
+        if (theCount++ == 0) {
+            theFirstPath = path;
+            theFirstReason = reason;
+        }
+    }
+
+    // "not removed: /x/y: Read-only file system", " (and N more)" when more
+    // than one item stayed. Nothing when everything went.
+    void log(const std::string& path) const
+    {
+        if (theCount == 0) {
+            // The destroy failed without telling which item stayed.
+            platform::ConsoleLog::log("not removed: " + path);
+            return;
+        }
+        std::string line = "not removed: " + theFirstPath + ": " + theFirstReason.message();
+        if (theCount > 1) {
+            line += " (and " + std::to_string(theCount - 1) + " more)";
+        }
+        platform::ConsoleLog::log(line);
+    }
+
+private:
+    std::string theFirstPath;
+    std::error_code theFirstReason;
+    std::size_t theCount = 0;
+};
+
+}  // namespace
+
 bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
 {
-    return Workspace::sharedWorkspace().performFileOperation(WorkspaceOperation::Destroy,
-                                                             platform::deletingLastPathComponent(path), std::nullopt,
-                                                             {platform::lastPathComponent(path)}, tag);
+    Workspace& workspace = Workspace::sharedWorkspace();
+    DestroyFailures failures;
+    workspace.setDestroyFailureHandler(
+        [&failures](const std::string& item, std::error_code reason) { failures.add(item, reason); });
+    bool destroyed = false;
+    try {
+        destroyed =
+            workspace.performFileOperation(WorkspaceOperation::Destroy, platform::deletingLastPathComponent(path),
+                                           std::nullopt, {platform::lastPathComponent(path)}, tag);
+    } catch (...) {
+        workspace.setDestroyFailureHandler(nullptr);
+        throw;
+    }
+    workspace.setDestroyFailureHandler(nullptr);
+    if (!destroyed) {
+        failures.log(path);
+    }
+    return destroyed;
 }
 
 std::string TFRemoverTool::statusWord(const char* key)

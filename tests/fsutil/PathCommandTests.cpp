@@ -183,10 +183,18 @@ TEST_F(PathCommand, PermissionsWithTheNumberCheckForcedAreZeroWithStatus1951)
 
 TEST_F(PathCommand, DeleteRemovesAFolderWithEverythingInIt)
 {
+    sandbox.writeFile("/Library/Logs/Corvane/Updater/a.log", "x");
+    const RunResult result = qelutil({"delete", "/Library/Logs/Corvane", "1865"});
+    EXPECT_EQ(result.standardOutput, "YES\n");
+    EXPECT_FALSE(sandbox.exists("/Library/Logs/Corvane"));
+}
+
+TEST_F(PathCommand, DeleteOfAProtectedFolderSaysNoAndKeepsIt)
+{
     sandbox.writeFile("/Library/Logs/Corvane/a.log", "x");
     const RunResult result = qelutil({"delete", "/Library/Logs", "1865"});
-    EXPECT_EQ(result.standardOutput, "YES\n");
-    EXPECT_FALSE(sandbox.exists("/Library/Logs"));
+    EXPECT_EQ(result.standardOutput, "NO\n");
+    EXPECT_TRUE(sandbox.exists("/Library/Logs/Corvane/a.log"));
 }
 
 TEST_F(PathCommand, DeleteOfAMissingPathSaysYesAndLogsNothing)

@@ -1,5 +1,8 @@
 #include "platform/TreeRemover.h"
 
+#include "platform/ProtectedFolders.h"
+#include "platform/RemovalRefusal.h"
+
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -503,6 +506,161 @@ TEST(TreeRemoverReasons, MountPointIsBusyAndAReadOnlyFileSystemSaysSo)
         return 0;
     });
     EXPECT_EQ(status, 0);
+}
+
+// A protected set made of folders of the test's own.
+platform::ProtectedFolders protectedSet(const std::vector<std::string>& systemFolders,
+                                        const std::vector<std::string>& systemTrees = {})
+{
+    platform::ProtectedFolders::Lists lists;
+    lists.systemFolders = systemFolders;
+    lists.systemTrees = systemTrees;
+    return platform::ProtectedFolders(lists);
+}
+
+TEST(TreeRemoverGuard, ProtectedFolderIsRefusedWithItsReasonAndLeftUntouched)
+{
+    TempDir dir;
+    writeFile(dir.at("System Like/file"), "x");
+    writeFile(dir.at("System Like/sub/file"), "y");
+    const platform::ProtectedFolders folders = protectedSet({dir.at("System Like")});
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    Failures failures;
+    failures.attachTo(remover);
+    std::error_code error;
+    EXPECT_FALSE(remover.removePath(dir.at("System Like"), &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_EQ(error, std::errc::operation_not_permitted);
+    EXPECT_EQ(error.message(), "a protected system folder");
+    EXPECT_FALSE(remover.removeRelative(dir.path(), "System Like", &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_FALSE(remover.removeEntry(AT_FDCWD, dir.at("System Like"), &error));
+    ASSERT_EQ(failures.seen.size(), 3U);
+    EXPECT_EQ(failures.seen[0].first, dir.at("System Like"));
+    EXPECT_EQ(readFile(dir.at("System Like/file")), "x");
+    EXPECT_EQ(readFile(dir.at("System Like/sub/file")), "y");
+}
+
+TEST(TreeRemoverGuard, ProtectedFolderReachedThroughALinkOrDotDotIsRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("Protected/file"), "x");
+    makeDirectories(dir.at("Other"));
+    ASSERT_EQ(::symlink(dir.path().c_str(), dir.at("Other/RootLink").c_str()), 0);
+    const platform::ProtectedFolders folders = protectedSet({dir.at("Protected")});
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    EXPECT_FALSE(remover.removePath(dir.at("Other/../Protected")));
+    EXPECT_FALSE(remover.removePath(dir.at("Other/RootLink/Protected")));
+    EXPECT_FALSE(remover.removeRelative(dir.at("Other/RootLink"), "Protected"));
+    EXPECT_FALSE(remover.removeRelative(dir.at("Other/.."), "Protected"));
+    EXPECT_EQ(readFile(dir.at("Protected/file")), "x");
+}
+
+TEST(TreeRemoverGuard, ALinkToAProtectedFolderGoesAsALinkButAProtectedLinkStays)
+{
+    TempDir dir;
+    writeFile(dir.at("Protected/file"), "x");
+    ASSERT_EQ(::symlink(dir.at("Protected").c_str(), dir.at("ToProtected").c_str()), 0);
+    ASSERT_EQ(::symlink(dir.at("Protected").c_str(), dir.at("lib").c_str()), 0);
+    const platform::ProtectedFolders folders = protectedSet({dir.at("Protected"), dir.at("lib")});
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    std::error_code error;
+    EXPECT_TRUE(remover.removeRelative(dir.path(), "ToProtected", &error)) << error.message();
+    EXPECT_FALSE(present(dir.at("ToProtected")));
+    EXPECT_FALSE(remover.removeRelative(dir.path(), "lib", &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_FALSE(remover.removePath(dir.at("lib"), &error));
+    EXPECT_TRUE(present(dir.at("lib")));
+    EXPECT_EQ(readFile(dir.at("Protected/file")), "x");
+}
+
+TEST(TreeRemoverGuard, OnlyTheFolderItselfIsProtectedNotWhatIsInside)
+{
+    TempDir dir;
+    writeFile(dir.at("Protected/ours/file"), "x");
+    writeFile(dir.at("Protected/loose"), "y");
+    const platform::ProtectedFolders folders = protectedSet({dir.at("Protected")});
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    EXPECT_TRUE(remover.removePath(dir.at("Protected/ours")));
+    EXPECT_TRUE(remover.removeRelative(dir.at("Protected"), "loose"));
+    EXPECT_FALSE(remover.removePath(dir.at("Protected")));
+    EXPECT_TRUE(present(dir.at("Protected")));
+    EXPECT_FALSE(present(dir.at("Protected/ours")));
+}
+
+TEST(TreeRemoverGuard, EverythingBelowAProtectedTreeIsRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("System/Library/file"), "x");
+    const platform::ProtectedFolders folders = protectedSet({}, {dir.at("System")});
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    std::error_code error;
+    EXPECT_FALSE(remover.removePath(dir.at("System/Library/file"), &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_FALSE(remover.removeRelative(dir.at("System/Library"), "file", &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_FALSE(remover.removePath(dir.at("System"), &error));
+    EXPECT_EQ(readFile(dir.at("System/Library/file")), "x");
+}
+
+TEST(TreeRemoverGuard, DotDotInTheMiddleOfTheFolderLeadingToAnUnprotectedItemIsFollowed)
+{
+    TempDir dir;
+    writeFile(dir.at("a/item/file"), "x");
+    makeDirectories(dir.at("b"));
+    TreeRemover remover;
+    std::error_code error;
+    EXPECT_TRUE(remover.removeRelative(dir.at("b/../a"), "item", &error)) << error.message();
+    EXPECT_FALSE(present(dir.at("a/item")));
+    writeFile(dir.at("a/item/file"), "x");
+    EXPECT_TRUE(remover.removePath(dir.at("b/../a/item"), &error)) << error.message();
+    EXPECT_FALSE(present(dir.at("a/item")));
+}
+
+TEST(TreeRemoverGuard, BindMountOfTheSameDiskInsideTheItemStaysAndTheItemItselfIsRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("source/one"), "1");
+    writeFile(dir.at("source/sub/two"), "2");
+    writeFile(dir.at("item/file"), "x");
+    makeDirectories(dir.at("item/deep/mnt"));
+    makeDirectories(dir.at("bound"));
+    const std::string& root = dir.path();
+    const int status = runInOwnMountNamespace([&root] {
+        if (::mount((root + "/source").c_str(), (root + "/item/deep/mnt").c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+            ::mount((root + "/source").c_str(), (root + "/bound").c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            return 101;
+        }
+        TreeRemover remover;
+        Failures failures;
+        failures.attachTo(remover);
+        std::error_code error;
+        if (remover.removePath(root + "/item", &error) || error != platform::RemovalRefusal::MountPoint ||
+            error != std::errc::device_or_resource_busy) {
+            return 1;
+        }
+        if (failures.seen.size() != 1 || failures.seen[0].first != root + "/item/deep/mnt") {
+            return 2;
+        }
+        if (present(root + "/item/file")) {
+            return 3;
+        }
+        if (remover.removeRelative(root, "bound", &error) || error != platform::RemovalRefusal::MountPoint) {
+            return 4;
+        }
+        if (readFile(root + "/source/one") != "1" || readFile(root + "/source/sub/two") != "2") {
+            return 5;
+        }
+        return 0;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(dir.at("source/one")), "1");
+    EXPECT_EQ(readFile(dir.at("source/sub/two")), "2");
 }
 
 }  // namespace

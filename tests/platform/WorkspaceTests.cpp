@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -402,6 +403,57 @@ TEST(WorkspaceDestroyReasons, EmptyListIsAnInvalidArgumentAndSuccessClearsTheRea
                                                                   {"file"}, &tag, &error));
     EXPECT_FALSE(error);
     EXPECT_EQ(tag, 0);
+}
+
+TEST(WorkspaceDestroy, BindMountOfTheSameDiskInsideTheItemKeepsItsSource)
+{
+    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    TempDir dir;
+    writeFile(dir.at("source/one"), "1");
+    writeFile(dir.at("source/sub/two"), "2");
+    writeFile(dir.at("item/file"), "x");
+    makeDirectories(dir.at("item/sub/mnt"));
+    const std::string mountPoint = dir.at("item/sub/mnt");
+    ASSERT_EQ(::mount(dir.at("source").c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr), 0);
+    struct Unmount {
+        std::string path;
+        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+    } unmount{mountPoint};
+    struct stat outside {};
+    struct stat inside {};
+    ASSERT_EQ(::stat(dir.at("item/sub").c_str(), &outside), 0);
+    ASSERT_EQ(::stat(mountPoint.c_str(), &inside), 0);
+    ASSERT_EQ(outside.st_dev, inside.st_dev);  // the device number cannot tell them apart
+
+    std::vector<std::pair<std::string, std::error_code>> failures;
+    std::error_code error;
+    EXPECT_FALSE(Workspace::sharedWorkspace().performFileOperation(
+        WorkspaceOperation::Destroy, dir.path(), std::nullopt, {"item", "item/sub/mnt"}, nullptr, &error,
+        [&failures](const std::string& path, std::error_code reason) { failures.emplace_back(path, reason); }));
+    EXPECT_EQ(error, std::errc::device_or_resource_busy);
+    ASSERT_EQ(failures.size(), 2U);
+    EXPECT_EQ(failures[0].first, mountPoint);
+    EXPECT_EQ(failures[0].second.message(), "a mount point");
+    EXPECT_EQ(failures[1].first, mountPoint);
+    EXPECT_EQ(readFile(dir.at("source/one")), "1");
+    EXPECT_EQ(readFile(dir.at("source/sub/two")), "2");
+    EXPECT_FALSE(present(dir.at("item/file")));
+}
+
+TEST(WorkspaceDestroyReasons, TheFirstFormTellsItsFailureHandlerWhy)
+{
+    TempDir dir;
+    std::vector<std::pair<std::string, std::error_code>> failures;
+    Workspace& workspace = Workspace::sharedWorkspace();
+    workspace.setDestroyFailureHandler(
+        [&failures](const std::string& path, std::error_code reason) { failures.emplace_back(path, reason); });
+    EXPECT_FALSE(destroy(dir.path(), {"missing"}));
+    workspace.setDestroyFailureHandler(nullptr);
+    EXPECT_FALSE(destroy(dir.path(), {"missing too"}));
+    ASSERT_EQ(failures.size(), 1U);
+    EXPECT_EQ(failures[0].first, dir.at("missing"));
+    EXPECT_EQ(failures[0].second, std::errc::no_such_file_or_directory);
 }
 
 }  // namespace

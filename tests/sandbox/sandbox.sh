@@ -213,7 +213,8 @@ run() {
     esac
     if [[ -n $bundle ]]; then
         [[ -d $bundle ]] || die "no bundle at $bundle"
-        command+=(--ro-bind "$bundle" /opt/RemoverTool.app)
+        # bubblewrap would make /opt 0700: another user could not reach the bundle.
+        command+=(--perms 0755 --dir /opt --ro-bind "$bundle" /opt/RemoverTool.app)
     fi
     local i
     for ((i = 0; i < ${#after[@]}; i += 3)); do
