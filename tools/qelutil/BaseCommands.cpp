@@ -5,6 +5,8 @@
 //   raise-non-fatal CODE logs CODE and raises the non-fatal exception
 //                        (exits 71)
 //   log LEVEL MESSAGE    logs MESSAGE at LEVEL (-1, 0 or 1); prints nothing
+//   log-path             prints the log file's path (setting the file up),
+//                        or an empty line when the set-up failed
 //   verify CODE [COUNT]  runs COUNT (default 1) checks of CODE whose
 //                        condition holds, as every check site does; prints
 //                        the number of each check that passed, one a line.
@@ -45,6 +47,13 @@ int runLog(const std::vector<std::string>& positional)
     return 0;
 }
 
+int runLogPath(const std::vector<std::string>& positional)
+{
+    qelutil::requireArgumentCount(positional, 0, 0);
+    std::printf("%s\n", QELBase::logFilePath().value_or(std::string()).c_str());
+    return 0;
+}
+
 int runVerify(const std::vector<std::string>& positional)
 {
     qelutil::requireArgumentCount(positional, 1, 2);
@@ -65,6 +74,7 @@ const qelutil::CommandRegistrar appTypeCommand({"app-type", "app-type", runAppTy
 const qelutil::CommandRegistrar raiseCommand({"raise", "raise CODE", runRaise});
 const qelutil::CommandRegistrar raiseNonFatalCommand({"raise-non-fatal", "raise-non-fatal CODE", runRaiseNonFatal});
 const qelutil::CommandRegistrar logCommand({"log", "log LEVEL MESSAGE", runLog});
+const qelutil::CommandRegistrar logPathCommand({"log-path", "log-path", runLogPath});
 const qelutil::CommandRegistrar verifyCommand({"verify", "verify CODE [COUNT]", runVerify});
 
 }  // namespace
