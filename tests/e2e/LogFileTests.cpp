@@ -5,7 +5,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
+#include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +21,8 @@
 #include "tests/support/LogFile.h"
 #include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/Subprocess.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -96,6 +100,38 @@ std::string setImmutableFlag(const std::string& hostPath, bool immutable)
     return why;
 }
 
+// Makes sure files of the fixture's home folder can be marked immutable. The
+// fixture lies on the build folder's file system; where that one has no
+// immutable flag (tmpfs may not), the test process moves into a mount
+// namespace of its own and mounts a small ext4 image over the fixture's home
+// folder, which the sandbox then binds as it is. Empty when it worked.
+std::string makeHomeImmutableCapable(const Sandbox& sandbox)
+{
+    const std::string home = sandbox.hostPath("/root");
+    const std::string probe = home + "/.immutable-probe";
+    testsupport::writeFile(probe, "");
+    const std::string why = setImmutableFlag(probe, true);
+    setImmutableFlag(probe, false);
+    ::unlink(probe.c_str());
+    if (why.empty()) {
+        return "";
+    }
+    const std::string image = sandbox.root() + "/home.ext4";
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        return "no immutable flag (" + why + ") and no private mount namespace: " + std::strerror(errno);
+    }
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"/usr/bin/truncate", "-s", "16M", image},
+          std::vector<std::string>{"/usr/sbin/mkfs.ext4", "-q", "-F", image},
+          std::vector<std::string>{"/usr/bin/mount", "-o", "loop", image, home}}) {
+        const RunResult result = testsupport::runCommand(command);
+        if (result.exitStatus != 0) {
+            return "no immutable flag (" + why + "), and " + command[0] + " failed: " + result.standardError;
+        }
+    }
+    return "";
+}
+
 // A file of the fixture made immutable for as long as this lives, so that
 // the fixture can still be removed afterwards.
 class ImmutableFile {
@@ -120,6 +156,12 @@ private:
 class LogFile : public ::testing::Test {
 protected:
     void SetUp() override { sandbox.makeDirectory(kLibrary); }
+    // For the tests that mark a file immutable: before anything is written.
+    void useImmutableCapableHome()
+    {
+        ASSERT_EQ(makeHomeImmutableCapable(sandbox), "");
+        sandbox.makeDirectory(kLibrary);
+    }
 
     RunResult qelutil(const std::vector<std::string>& arguments) const
     {
@@ -283,6 +325,10 @@ TEST_F(LogFile, AnExistingOldLogIsReplacedAtRotation)
 
 TEST_F(LogFile, IfTheOldLogCannotBeDeletedTheCurrentLogKeepsGrowing)
 {
+    useImmutableCapableHome();
+    if (HasFatalFailure()) {
+        return;
+    }
     const std::string full = logOfSize(kRotationSize);
     const std::string older = "2026-11-20 00:00:00 +0000: older still\n";
     sandbox.makeDirectory(kLogFolder, 0700);
@@ -328,6 +374,10 @@ TEST_F(LogFile, AForcedFailureToDeleteTheOldLogSkipsTheRotation)
 
 TEST_F(LogFile, AnImmutableLogIsNotRotatedAndLoggingGoesToTheConsole)
 {
+    useImmutableCapableHome();
+    if (HasFatalFailure()) {
+        return;
+    }
     const std::string full = logOfSize(kRotationSize);
     sandbox.makeDirectory(kLogFolder, 0700);
     sandbox.writeFile(kLog, full, 0700);
@@ -448,6 +498,10 @@ TEST_F(LogFile, ALogWithoutASizeIsLoggedWithItsOwnCode)
 
 TEST_F(LogFile, AnUnreadableSizeWhoseLogCannotBeDeletedSendsTheProcessToTheConsole)
 {
+    useImmutableCapableHome();
+    if (HasFatalFailure()) {
+        return;
+    }
     sandbox.makeDirectory(kLogFolder, 0700);
     const std::string start = "2026-11-21 04:37:11 +0000: old contents\n";
     sandbox.writeFile(kLog, start, 0700);
