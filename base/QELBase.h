@@ -85,11 +85,24 @@ public:
     static std::string pathToUs();
 
     // Logging: levels -1 (error, also to the console), 0 (normal), 1 (verbose).
+    // A line goes to the running user's log file,
+    // ~/Library/Logs/Corvane/<application type> Updater.log (the home from
+    // the password database), which the first line of the process finds,
+    // creates with mode 0700, rotates to "<application type>
+    // Updater.old.log" at 1 MiB and checks; when that fails, or a line
+    // cannot be written, the line goes to the console. Never raises a
+    // platform::Exception.
     static void log(const std::string& message, int32_t verbosityLevel);
+    // The "LogLevel" setting when it is 0 or 1, else 0; read at every call.
     static int32_t verbosityLevel();
+    // The log file's path, setting the file up if nothing has been logged
+    // yet; none when the set-up failed. For tools that show where lines go.
+    static std::optional<std::string> logFilePath();
 
 private:
     static void logToFile(const std::string& message, bool andConsole);
+    // The set-up's one attempt, then the cached path (or none); holds
+    // errorLock throughout.
     static std::optional<std::string> logPath();
 
     // Holds errorLock (recursive) for its lifetime; holds nothing when init

@@ -1,5 +1,7 @@
 #include "platform/UserDefaults.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <limits>
 #include <utility>
@@ -19,11 +21,10 @@ bool isASCIILetter(char c)
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// The stored domain's value for key; none when the file is missing, not a
-// dictionary, or lacks the key.
-std::optional<PropertyList> valueInDomainFile(const std::string& path, std::string_view key)
+// The domain's value for key; none when there is no domain or it lacks the
+// key.
+std::optional<PropertyList> valueInDomain(const std::shared_ptr<const PropertyList>& domain, std::string_view key)
 {
-    const auto domain = PropertyList::dictionaryWithContentsOfFile(path);
     if (!domain) {
         return std::nullopt;
     }
@@ -32,6 +33,11 @@ std::optional<PropertyList> valueInDomainFile(const std::string& path, std::stri
         return std::nullopt;
     }
     return *value;
+}
+
+int64_t nanosecondsOf(const struct timespec& time)
+{
+    return static_cast<int64_t>(time.tv_sec) * 1'000'000'000 + static_cast<int64_t>(time.tv_nsec);
 }
 
 int64_t truncatedToInteger(double value)
@@ -140,12 +146,57 @@ std::optional<PropertyList> UserDefaults::objectForKey(std::string_view key) con
     const auto mainBundle = Bundle::mainBundle();
     const auto identifier = mainBundle ? mainBundle->bundleIdentifier() : std::nullopt;
     if (identifier && !identifier->empty()) {
-        auto value = valueInDomainFile(appendingPathComponent(folder, *identifier + ".plist"), key);
+        auto value = valueInDomain(storedDomain(appendingPathComponent(folder, *identifier + ".plist")), key);
         if (value) {
             return value;
         }
     }
-    return valueInDomainFile(appendingPathComponent(folder, ".GlobalPreferences.plist"), key);
+    return valueInDomain(storedDomain(appendingPathComponent(folder, ".GlobalPreferences.plist")), key);
+}
+
+std::shared_ptr<const PropertyList> UserDefaults::storedDomain(const std::string& path) const
+{
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        const std::lock_guard<std::mutex> lock(theMutex);
+        theStoredDomains.erase(path);
+        return nullptr;
+    }
+    StoredDomain identity;
+    identity.device = static_cast<uint64_t>(status.st_dev);
+    identity.inode = static_cast<uint64_t>(status.st_ino);
+    identity.modificationNanoseconds = nanosecondsOf(status.st_mtim);
+    identity.changeNanoseconds = nanosecondsOf(status.st_ctim);
+    identity.size = static_cast<int64_t>(status.st_size);
+    {
+        const std::lock_guard<std::mutex> lock(theMutex);
+        const auto found = theStoredDomains.find(path);
+        if (found != theStoredDomains.end()) {
+            const StoredDomain& cached = found->second;
+            if (cached.device == identity.device && cached.inode == identity.inode &&
+                cached.modificationNanoseconds == identity.modificationNanoseconds &&
+                cached.changeNanoseconds == identity.changeNanoseconds && cached.size == identity.size) {
+                return cached.contents;
+            }
+        }
+    }
+    // Read outside the lock; a file changed between the stat and the read
+    // is seen as changed again at the next look-up, because its times have
+    // moved on from those kept here.
+    if (std::optional<PropertyList> read = PropertyList::dictionaryWithContentsOfFile(path)) {
+        identity.contents = std::make_shared<const PropertyList>(*std::move(read));
+    }
+    std::shared_ptr<const PropertyList> contents = identity.contents;
+    const std::lock_guard<std::mutex> lock(theMutex);
+    ++theStoredDomainReadCount;
+    theStoredDomains.insert_or_assign(path, std::move(identity));
+    return contents;
+}
+
+uint64_t UserDefaults::storedDomainReadCount() const
+{
+    const std::lock_guard<std::mutex> lock(theMutex);
+    return theStoredDomainReadCount;
 }
 
 std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const

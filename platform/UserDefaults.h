@@ -1,11 +1,16 @@
 // User defaults: the argument domain from the command line ("-Key value"
 // pairs), then the application domain
 // (~/Library/Preferences/<main bundle identifier>.plist), then the global
-// domain (~/Library/Preferences/.GlobalPreferences.plist). Stored domains
-// are read afresh at every look-up.
+// domain (~/Library/Preferences/.GlobalPreferences.plist). Every look-up sees
+// the stored domains as they are on disk now; a domain file is read and
+// parsed again only when it has changed (another file at the path, or a new
+// modification time, change time or size), since a setting such as the log
+// level is asked for on every logged line.
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -57,14 +62,35 @@ public:
     // none restores the default.
     void setPreferencesDirectoryForTesting(std::optional<std::string> directory);
 
+    // How many times a stored domain file has been read and parsed in this
+    // process; tests use it to see that an unchanged file is not read again.
+    uint64_t storedDomainReadCount() const;
+
 private:
+    // A stored domain as last read, and the identity of the file it came
+    // from.
+    struct StoredDomain {
+        uint64_t device = 0;
+        uint64_t inode = 0;
+        int64_t modificationNanoseconds = 0;
+        int64_t changeNanoseconds = 0;
+        int64_t size = 0;
+        // Null when the file is not a dictionary.
+        std::shared_ptr<const PropertyList> contents;
+    };
+
     UserDefaults();
     const PropertyList::Dictionary& argumentDomainLocked() const;
+    // The stored domain at path, from the cache while the file is unchanged;
+    // null when there is no file or it holds no dictionary.
+    std::shared_ptr<const PropertyList> storedDomain(const std::string& path) const;
 
     mutable std::mutex theMutex;
     mutable bool theArgumentDomainIsSet = false;
     mutable PropertyList::Dictionary theArgumentDomain;
     std::optional<std::string> thePreferencesDirectoryForTesting;
+    mutable std::map<std::string, StoredDomain, std::less<>> theStoredDomains;
+    mutable uint64_t theStoredDomainReadCount = 0;
 };
 
 }  // namespace platform

@@ -8,6 +8,7 @@
 #include "base/QELBVerify.h"
 #include "base/QELBase.h"
 #include "tests/support/ConsoleCapture.h"
+#include "tests/support/LogFile.h"
 #include "tests/support/Lines.h"
 #include "tests/support/Settings.h"
 
@@ -356,13 +357,18 @@ TEST_F(ErrorModel, VerifyLogAndMaybeRaiseDoesNothingWhenTheConditionHolds)
 
 TEST_F(ErrorModel, VerifyWithErrorAndStringLogsTheMessageEvenWhenTheConditionHolds)
 {
+    const std::string before = testsupport::logFileContents();
     const ConsoleCapture console;
     EXPECT_NO_THROW(QELBVerifyWithErrorAndString(1, 1537, std::nullopt, std::string("creating the folder")));
-    EXPECT_EQ(console.messages(), std::vector<std::string>{"creating the folder"});
+    // A level-0 message: into the log file only.
+    EXPECT_EQ(testsupport::logMessagesOf(testsupport::logFileContents().substr(before.size())),
+              std::vector<std::string>{"creating the folder"});
+    EXPECT_TRUE(console.messages().empty());
 }
 
 TEST_F(ErrorModel, VerifyWithErrorAndStringLogsMessageAndErrorThenRaisesFatal)
 {
+    const std::string before = testsupport::logFileContents();
     const ConsoleCapture console;
     try {
         QELBVerifyWithErrorAndString(0, 1537, platform::Error("com.corvane.QEL.OSStatus", -48),
@@ -372,8 +378,9 @@ TEST_F(ErrorModel, VerifyWithErrorAndStringLogsMessageAndErrorThenRaisesFatal)
         EXPECT_EQ(exception.name(), "QELFatalException");
         EXPECT_EQ(carriedCode(exception), 1537);
     }
-    EXPECT_EQ(console.messages(),
+    EXPECT_EQ(testsupport::logMessagesOf(testsupport::logFileContents().substr(before.size())),
               (std::vector<std::string>{"creating the folder", encountered(-48), encountered(1537)}));
+    EXPECT_EQ(console.messages(), (std::vector<std::string>{encountered(-48), encountered(1537)}));
 }
 
 }  // namespace

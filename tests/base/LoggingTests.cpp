@@ -1,10 +1,15 @@
-// Logging in-process: the verbosity filter, lines from several threads, and
-// what a throwing console does to the guarded operations.
+// Logging in-process, into the log file the test program set up in its
+// private home folder: the verbosity filter, where each level goes, lines
+// from several threads, and what a throwing console does to the guarded
+// operations.
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <future>
 #include <gtest/gtest.h>
+#include <optional>
+#include <regex>
+#include <unistd.h>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +20,7 @@
 #include "platform/ConsoleLog.h"
 #include "tests/support/ConsoleCapture.h"
 #include "tests/support/Lines.h"
+#include "tests/support/LogFile.h"
 #include "tests/support/Settings.h"
 
 namespace {
@@ -27,26 +33,80 @@ void useLogLevel(const std::string& level)
     testsupport::useCommandLineSettings({"-AppType", kTestAppType, "-LogLevel", level});
 }
 
-TEST(Logging, LevelOneMessagesAreWrittenWithLogLevelOne)
+// The messages the log file gained since it held `before`.
+std::vector<std::string> messagesAfter(const std::string& before)
+{
+    const std::string now = testsupport::logFileContents();
+    EXPECT_EQ(now.substr(0, before.size()), before);
+    return testsupport::logMessagesOf(now.substr(before.size()));
+}
+
+TEST(Logging, LogLevelOneWritesLevelOneMessages)
 {
     useLogLevel("1");
+    const std::string before = testsupport::logFileContents();
     const ConsoleCapture console;
     EXPECT_EQ(QELBase::verbosityLevel(), 1);
     QELBase::log("verbose", 1);
     QELBase::log("normal", 0);
     QELBase::log("error", -1);
-    EXPECT_EQ(console.messages(), (std::vector<std::string>{"verbose", "normal", "error"}));
+    EXPECT_EQ(messagesAfter(before), (std::vector<std::string>{"verbose", "normal", "error"}));
+    EXPECT_EQ(console.messages(), std::vector<std::string>{"error"});
 }
 
-TEST(Logging, LevelOneMessagesAreDroppedWithLogLevelZero)
+TEST(Logging, LogLevelZeroDropsLevelOneMessages)
 {
     useLogLevel("0");
-    const ConsoleCapture console;
+    const std::string before = testsupport::logFileContents();
     EXPECT_EQ(QELBase::verbosityLevel(), 0);
     QELBase::log("verbose", 1);
     QELBase::log("normal", 0);
     QELBase::log("error", -1);
-    EXPECT_EQ(console.messages(), (std::vector<std::string>{"normal", "error"}));
+    EXPECT_EQ(messagesAfter(before), (std::vector<std::string>{"normal", "error"}));
+}
+
+TEST(Logging, ALevelZeroMessageIsWrittenToTheFileOnly)
+{
+    useLogLevel("0");
+    const std::string before = testsupport::logFileContents();
+    const ConsoleCapture console;
+    QELBase::log("normal", 0);
+    EXPECT_EQ(messagesAfter(before), std::vector<std::string>{"normal"});
+    EXPECT_TRUE(console.messages().empty());
+}
+
+TEST(Logging, ALevelMinusOneMessageIsWrittenToTheFileAndShownOnTheConsole)
+{
+    useLogLevel("0");
+    const std::string before = testsupport::logFileContents();
+    const ConsoleCapture console;
+    QELBase::log("error", -1);
+    EXPECT_EQ(messagesAfter(before), std::vector<std::string>{"error"});
+    EXPECT_EQ(console.messages(), std::vector<std::string>{"error"});
+}
+
+TEST(Logging, ALineIsTheDateDescriptionAColonAndTheMessage)
+{
+    useLogLevel("0");
+    const std::string before = testsupport::logFileContents();
+    QELBase::log("a message: with a colon", 0);
+    const std::string added = testsupport::logFileContents().substr(before.size());
+    EXPECT_TRUE(
+        std::regex_match(added, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000: a message: with a colon\n)")))
+        << added;
+}
+
+TEST(Logging, ALineTheFileCannotTakeGoesToTheConsole)
+{
+    useLogLevel("0");
+    const std::optional<std::string> path = QELBase::logFilePath();
+    ASSERT_TRUE(path.has_value());
+    // The path stays known for the life of the process; the file is gone.
+    ASSERT_EQ(::unlink(path->c_str()), 0);
+    const ConsoleCapture console;
+    QELBase::log("nowhere to go", 0);
+    EXPECT_EQ(console.messages(), std::vector<std::string>{"nowhere to go"});
+    EXPECT_EQ(QELBase::logFilePath(), path);
 }
 
 // LogLevel 2, -1 and a non-number all behave as 0.
@@ -55,11 +115,11 @@ class LogLevelOutOfRange : public ::testing::TestWithParam<std::string> {};
 TEST_P(LogLevelOutOfRange, BehavesAsLogLevelZero)
 {
     useLogLevel(GetParam());
-    const ConsoleCapture console;
+    const std::string before = testsupport::logFileContents();
     EXPECT_EQ(QELBase::verbosityLevel(), 0);
     QELBase::log("verbose", 1);
     QELBase::log("normal", 0);
-    EXPECT_EQ(console.messages(), std::vector<std::string>{"normal"});
+    EXPECT_EQ(messagesAfter(before), std::vector<std::string>{"normal"});
 }
 
 INSTANTIATE_TEST_SUITE_P(Logging, LogLevelOutOfRange, ::testing::Values("2", "-1", "verbose"));
@@ -67,12 +127,22 @@ INSTANTIATE_TEST_SUITE_P(Logging, LogLevelOutOfRange, ::testing::Values("2", "-1
 TEST(Logging, MessagesAboveLevelOneAreNeverWritten)
 {
     useLogLevel("1");
+    const std::string before = testsupport::logFileContents();
     const ConsoleCapture console;
     QELBase::log("too verbose", 2);
     EXPECT_TRUE(console.messages().empty());
+    EXPECT_TRUE(messagesAfter(before).empty());
 }
 
-TEST(Logging, LinesFromSeveralThreadsNeverInterleave)
+TEST(Logging, LogLevelIsReadAfreshAtEveryCall)
+{
+    useLogLevel("0");
+    EXPECT_EQ(QELBase::verbosityLevel(), 0);
+    useLogLevel("1");
+    EXPECT_EQ(QELBase::verbosityLevel(), 1);
+}
+
+TEST(Logging, ConsoleLinesFromSeveralThreadsNeverInterleave)
 {
     useLogLevel("0");
     constexpr int kThreads = 6;
@@ -96,7 +166,7 @@ TEST(Logging, LinesFromSeveralThreadsNeverInterleave)
         threads.emplace_back([t] {
             const std::string line(kLineLength, static_cast<char>('a' + t));
             for (int i = 0; i < kLinesPerThread; ++i) {
-                QELBase::log(line, 0);
+                QELBase::log(line, -1);
             }
         });
     }
@@ -115,6 +185,47 @@ TEST(Logging, LinesFromSeveralThreadsNeverInterleave)
     }
 }
 
+TEST(Logging, FileLinesFromEightThreadsOfFiveHundredLinesAreAllIntactAndNeverInterleave)
+{
+    useLogLevel("0");
+    constexpr int kThreads = 8;
+    constexpr int kLinesPerThread = 500;
+    const std::string before = testsupport::logFileContents();
+
+    QELBase::init();
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLinesPerThread; ++i) {
+                // Long enough that a line takes more than one small write.
+                QELBase::log("thread " + std::to_string(t) + " line " + std::to_string(i) + " " +
+                                 std::string(200, static_cast<char>('a' + t)),
+                             0);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    QELBase::terminate();
+
+    const std::vector<std::string> messages = messagesAfter(before);
+    ASSERT_EQ(messages.size(), static_cast<std::size_t>(kThreads * kLinesPerThread));
+    std::vector<int> next(kThreads, 0);
+    const std::regex form(R"(thread (\d) line (\d+) ([a-h]{200}))");
+    for (const auto& message : messages) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(message, match, form)) << "mixed line: " << message;
+        const int thread = std::stoi(match[1]);
+        ASSERT_LT(thread, kThreads);
+        EXPECT_EQ(match[3].str(), std::string(200, static_cast<char>('a' + thread)));
+        // Each thread's lines in the order it logged them.
+        EXPECT_EQ(std::stoi(match[2]), next[static_cast<std::size_t>(thread)]++);
+    }
+    EXPECT_EQ(next, std::vector<int>(kThreads, kLinesPerThread));
+}
+
 // A console that throws something other than the platform exception.
 class ForeignThrowingConsole : public ::testing::Test {
 protected:
@@ -129,7 +240,7 @@ protected:
 
 TEST_F(ForeignThrowingConsole, PassesThroughLog)
 {
-    EXPECT_THROW(QELBase::log("message", 0), std::runtime_error);
+    EXPECT_THROW(QELBase::log("message", -1), std::runtime_error);
 }
 
 TEST_F(ForeignThrowingConsole, PassesThroughLogErrorCode)
@@ -166,7 +277,7 @@ TEST_F(ForeignThrowingConsole, PassesThroughHandleRaise)
 TEST_F(ForeignThrowingConsole, PassesThroughTheVerifyFunctions)
 {
     EXPECT_THROW(QELBVerifyLogAndMaybeRaise(0, 1953, 0), std::runtime_error);
-    EXPECT_THROW(QELBVerifyWithErrorAndString(1, 1537, std::nullopt, std::string("message")), std::runtime_error);
+    EXPECT_THROW(QELBVerifyWithErrorAndString(0, 1537, std::nullopt, std::string("message")), std::runtime_error);
 }
 
 TEST_F(ForeignThrowingConsole, PassesThroughForcedChecks)

@@ -18,25 +18,38 @@ using testsupport::Sandbox;
 
 const std::string kQelutil = Sandbox::kQelutilPath;
 
-// Runs a shell command line inside the sandbox; "QELUTIL" stands for qelutil.
-RunResult runShell(const std::string& script)
-{
-    std::string expanded = script;
-    for (auto at = expanded.find("QELUTIL"); at != std::string::npos; at = expanded.find("QELUTIL", at)) {
-        expanded.replace(at, 7, kQelutil);
-        at += kQelutil.size();
+// A fixture whose home folder has its Library folder, where the log file of
+// the reader's messages goes.
+class PipeCommands : public testing::Test {
+protected:
+    void SetUp() override { sandbox.makeDirectory("~/Library"); }
+
+    // Runs a shell command line inside the sandbox; "QELUTIL" stands for qelutil.
+    RunResult runShell(const std::string& script) const
+    {
+        std::string expanded = script;
+        for (auto at = expanded.find("QELUTIL"); at != std::string::npos; at = expanded.find("QELUTIL", at)) {
+            expanded.replace(at, 7, kQelutil);
+            at += kQelutil.size();
+        }
+        return sandbox.runProgram("/bin/sh", {"-c", expanded});
     }
-    const Sandbox sandbox;
-    return sandbox.runProgram("/bin/sh", {"-c", expanded});
-}
 
-RunResult runQelutil(const std::vector<std::string>& arguments)
-{
-    const Sandbox sandbox;
-    return sandbox.runProgram(kQelutil, arguments);
-}
+    RunResult runQelutil(const std::vector<std::string>& arguments) const
+    {
+        return sandbox.runProgram(kQelutil, arguments);
+    }
 
-TEST(PipeCommands, PipeSendWritesEachCommandAndALineFeed)
+    // The lines of the log file the reader wrote, "Log created" first.
+    std::vector<std::string> logLines() const
+    {
+        return linesOf(sandbox.readFile("~/Library/Logs/Corvane/Lumidoc Remover Updater.log"));
+    }
+
+    Sandbox sandbox;
+};
+
+TEST_F(PipeCommands, PipeSendWritesEachCommandAndALineFeed)
 {
     const RunResult result = runQelutil({"pipe-send", "abc", "", "two words"});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
@@ -44,7 +57,7 @@ TEST(PipeCommands, PipeSendWritesEachCommandAndALineFeed)
     EXPECT_EQ(result.standardError, "");
 }
 
-TEST(PipeCommands, OrdinaryCommandsPassFromOneProcessToTheOther)
+TEST_F(PipeCommands, OrdinaryCommandsPassFromOneProcessToTheOther)
 {
     const RunResult result = runShell("QELUTIL pipe-send one '' three | QELUTIL pipe-receive 3 5");
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
@@ -52,31 +65,34 @@ TEST(PipeCommands, OrdinaryCommandsPassFromOneProcessToTheOther)
     EXPECT_EQ(result.standardError, "");
 }
 
-TEST(PipeCommands, LogCommandsReachTheReadersConsoleAndOnlyOrdinaryCommandsArePrinted)
+TEST_F(PipeCommands, LogCommandsReachTheReadersLogAndOnlyOrdinaryCommandsArePrinted)
 {
     const RunResult result =
         runShell("QELUTIL pipe-send one log-normal 'normal message' log-verbose 'verbose message' two"
                  " | QELUTIL pipe-receive 2 5 -LogLevel 1");
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "one\ntwo\n");
-    const std::vector<std::string> lines = linesOf(result.standardError);
-    ASSERT_EQ(lines.size(), 2U) << result.standardError;
-    EXPECT_TRUE(anyLineEndsWith({lines[0]}, "] normal message"));
-    EXPECT_TRUE(anyLineEndsWith({lines[1]}, "] verbose message"));
+    EXPECT_EQ(result.standardError, "");
+    const std::vector<std::string> lines = logLines();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_TRUE(anyLineEndsWith({lines[0]}, ": Log created"));
+    EXPECT_TRUE(anyLineEndsWith({lines[1]}, ": normal message"));
+    EXPECT_TRUE(anyLineEndsWith({lines[2]}, ": verbose message"));
 }
 
-TEST(PipeCommands, AVerboseMessageStaysOffTheConsoleAtNormalLogLevel)
+TEST_F(PipeCommands, AVerboseMessageStaysOutOfTheLogAtNormalLogLevel)
 {
     const RunResult result = runShell("QELUTIL pipe-send log-verbose 'verbose message' log-normal 'normal message' go"
                                       " | QELUTIL pipe-receive 1 5");
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "go\n");
-    const std::vector<std::string> lines = linesOf(result.standardError);
-    ASSERT_EQ(lines.size(), 1U) << result.standardError;
-    EXPECT_TRUE(anyLineEndsWith(lines, "] normal message"));
+    EXPECT_EQ(result.standardError, "");
+    const std::vector<std::string> lines = logLines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_TRUE(anyLineEndsWith({lines[1]}, ": normal message"));
 }
 
-TEST(PipeCommands, AWritersErrorIsRaisedInTheReader)
+TEST_F(PipeCommands, AWritersErrorIsRaisedInTheReader)
 {
     const RunResult result = runShell("QELUTIL pipe-send first error 1234 never | QELUTIL pipe-receive 3 5");
     EXPECT_EQ(result.exitStatus, 70) << result.standardError;
@@ -87,7 +103,7 @@ TEST(PipeCommands, AWritersErrorIsRaisedInTheReader)
     EXPECT_EQ(lines[1], "QELFatalException 1234");
 }
 
-TEST(PipeCommands, AnErrorArgumentThatIsNoNumberRaisesCodeZero)
+TEST_F(PipeCommands, AnErrorArgumentThatIsNoNumberRaisesCodeZero)
 {
     const RunResult result = runShell("QELUTIL pipe-send error oops | QELUTIL pipe-receive 1 5");
     EXPECT_EQ(result.exitStatus, 70) << result.standardError;
@@ -95,7 +111,7 @@ TEST(PipeCommands, AnErrorArgumentThatIsNoNumberRaisesCodeZero)
     EXPECT_EQ(result.standardError, "QELFatalException 0\n");
 }
 
-TEST(PipeCommands, AWriterThatClosesWithoutALineFeedEndsTheReaderAtItsDeadline)
+TEST_F(PipeCommands, AWriterThatClosesWithoutALineFeedEndsTheReaderAtItsDeadline)
 {
     const auto start = std::chrono::steady_clock::now();
     const RunResult result = runShell("printf 'no line feed' | QELUTIL pipe-receive 1 1");
@@ -108,7 +124,7 @@ TEST(PipeCommands, AWriterThatClosesWithoutALineFeedEndsTheReaderAtItsDeadline)
     EXPECT_LT(elapsed, std::chrono::seconds(6));
 }
 
-TEST(PipeCommands, ANegativeDeadlineHasPassedBeforeAnythingIsRead)
+TEST_F(PipeCommands, ANegativeDeadlineHasPassedBeforeAnythingIsRead)
 {
     const RunResult result = runShell("QELUTIL pipe-send ready | QELUTIL pipe-receive 1 -1");
     EXPECT_EQ(result.exitStatus, 70) << result.standardError;
@@ -116,21 +132,21 @@ TEST(PipeCommands, ANegativeDeadlineHasPassedBeforeAnythingIsRead)
     EXPECT_EQ(linesOf(result.standardError).back(), "QELFatalException 1852");
 }
 
-TEST(PipeCommands, PipeReceiveWithoutSecondsWaitsForTheCommands)
+TEST_F(PipeCommands, PipeReceiveWithoutSecondsWaitsForTheCommands)
 {
     const RunResult result = runShell("(sleep 0.3; QELUTIL pipe-send late) | QELUTIL pipe-receive 1");
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "late\n");
 }
 
-TEST(PipeCommands, ACountOfZeroReadsNothing)
+TEST_F(PipeCommands, ACountOfZeroReadsNothing)
 {
     const RunResult result = runQelutil({"pipe-receive", "0", "-1"});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardOutput, "");
 }
 
-TEST(PipeCommands, MalformedCommandLinesAreUsageErrors)
+TEST_F(PipeCommands, MalformedCommandLinesAreUsageErrors)
 {
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
              {"pipe-send"},

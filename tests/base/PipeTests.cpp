@@ -17,6 +17,7 @@
 #include "platform/Error.h"
 #include "platform/Exception.h"
 #include "tests/support/ConsoleCapture.h"
+#include "tests/support/LogFile.h"
 #include "tests/support/Descriptor.h"
 #include "tests/support/Settings.h"
 
@@ -85,6 +86,19 @@ int32_t priorErrorCode()
     return error ? error->code() : 0;
 }
 
+// The messages the log file gains from its construction on.
+class LogWatch {
+public:
+    LogWatch() : theBefore(testsupport::logFileContents()) {}
+    std::vector<std::string> messages() const
+    {
+        return testsupport::logMessagesOf(testsupport::logFileContents().substr(theBefore.size()));
+    }
+
+private:
+    std::string theBefore;
+};
+
 TEST(Pipes, SendingAbcWritesTheThreeBytesAndALineFeed)
 {
     useSettings();
@@ -118,27 +132,27 @@ TEST(Pipes, LogVerboseLogsItsMessageAtVerboseLevelAndReturnsTheNextCommand)
 {
     useSettings("1");
     const Pipe pipe = pipeHolding("log-verbose\nhello\ngo\n");
-    const ConsoleCapture console;
+    const LogWatch log;
     EXPECT_EQ(QELBase::receiveCommandOnPipe(pipe.readEnd.get()), "go");
-    EXPECT_EQ(console.messages(), std::vector<std::string>{"hello"});
+    EXPECT_EQ(log.messages(), std::vector<std::string>{"hello"});
 }
 
 TEST(Pipes, LogVerboseMessageIsDroppedAtNormalLogLevel)
 {
     useSettings("0");
     const Pipe pipe = pipeHolding("log-verbose\nhello\ngo\n");
-    const ConsoleCapture console;
+    const LogWatch log;
     EXPECT_EQ(QELBase::receiveCommandOnPipe(pipe.readEnd.get()), "go");
-    EXPECT_TRUE(console.messages().empty());
+    EXPECT_TRUE(log.messages().empty());
 }
 
 TEST(Pipes, LogNormalLogsItsMessageAtNormalLevelAndReturnsTheNextCommand)
 {
     useSettings("0");
     const Pipe pipe = pipeHolding("log-normal\nhello\ngo\n");
-    const ConsoleCapture console;
+    const LogWatch log;
     EXPECT_EQ(QELBase::receiveCommandOnPipe(pipe.readEnd.get()), "go");
-    EXPECT_EQ(console.messages(), std::vector<std::string>{"hello"});
+    EXPECT_EQ(log.messages(), std::vector<std::string>{"hello"});
 }
 
 TEST(Pipes, ALongRunOfLogCommandsIsCarriedOutBeforeTheCommandAfterIt)
@@ -155,18 +169,18 @@ TEST(Pipes, ALongRunOfLogCommandsIsCarriedOutBeforeTheCommandAfterIt)
     ::unlink(path);
     writeBytes(file, bytes + "go\n");
     ASSERT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
-    const ConsoleCapture console;
+    const LogWatch log;
     EXPECT_EQ(QELBase::receiveCommandOnPipe(file.get()), "go");
-    EXPECT_EQ(console.messages().size(), 20000U);
+    EXPECT_EQ(log.messages().size(), 20000U);
 }
 
 TEST(Pipes, TheArgumentOfAControlCommandIsReadAsACommandItself)
 {
     useSettings("1");
     const Pipe pipe = pipeHolding("log-normal\nlog-verbose\ninner\nouter\nnext\n");
-    const ConsoleCapture console;
+    const LogWatch log;
     EXPECT_EQ(QELBase::receiveCommandOnPipe(pipe.readEnd.get()), "next");
-    EXPECT_EQ(console.messages(), (std::vector<std::string>{"inner", "outer"}));
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"inner", "outer"}));
 }
 
 TEST(Pipes, ErrorFollowedByACodeRaisesThatCode)

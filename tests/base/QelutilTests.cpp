@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/support/Lines.h"
+#include "tests/support/LogFile.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
@@ -17,10 +18,12 @@ using testsupport::RunResult;
 using testsupport::Sandbox;
 
 // qelutil of the built bundle over an empty fixture, so that no stored
-// setting of this machine takes part.
+// setting of this machine takes part; its home folder has the Library
+// folder every user has, where the log file goes.
 RunResult runQelutil(const std::vector<std::string>& arguments)
 {
     const Sandbox sandbox;
+    sandbox.makeDirectory("/root/Library");
     return sandbox.runProgram(Sandbox::kQelutilPath, arguments);
 }
 
@@ -36,9 +39,12 @@ TEST(Qelutil, ForcedErrorWithSkipCountTwoPassesTwoChecksWithCountsThenFailsTheTh
             forcedMessages.push_back(line.substr(at));
         }
     }
-    EXPECT_EQ(forcedMessages, (std::vector<std::string>{"Error 1874 forced for testing but count only 1 out of 3",
-                                                        "Error 1874 forced for testing but count only 2 out of 3",
-                                                        "Error 1874 forced for testing"}));
+    // The fourth: logging the third check's failure sets the log file up,
+    // and the check that its folder was made has the same code.
+    EXPECT_EQ(forcedMessages,
+              (std::vector<std::string>{"Error 1874 forced for testing but count only 1 out of 3",
+                                        "Error 1874 forced for testing but count only 2 out of 3",
+                                        "Error 1874 forced for testing", "Error 1874 forced for testing"}));
     EXPECT_TRUE(anyLineEndsWith(linesOf(result.standardError), "Lumidoc Remover Updater encountered errorCode 1874"));
     EXPECT_EQ(linesOf(result.standardError).back(), "QELFatalException 1874");
 }
@@ -197,12 +203,39 @@ TEST(Qelutil, SettingsStartAtTheFirstHyphenFollowedByALetter)
 
 TEST(Qelutil, LogWritesLevelOneOnlyWithLogLevelOne)
 {
-    const RunResult quiet = runQelutil({"log", "1", "detail", "-LogLevel", "0"});
+    const Sandbox sandbox;
+    sandbox.makeDirectory("/root/Library");
+    const RunResult quiet = sandbox.runProgram(Sandbox::kQelutilPath, {"log", "1", "quiet", "-LogLevel", "0"});
     EXPECT_EQ(quiet.exitStatus, 0);
     EXPECT_EQ(quiet.standardError, "");
-    const RunResult verbose = runQelutil({"log", "1", "detail", "-LogLevel", "1"});
+    const RunResult verbose = sandbox.runProgram(Sandbox::kQelutilPath, {"log", "1", "detail", "-LogLevel", "1"});
     EXPECT_EQ(verbose.exitStatus, 0);
-    EXPECT_TRUE(anyLineEndsWith(linesOf(verbose.standardError), "] detail")) << verbose.standardError;
+    EXPECT_EQ(verbose.standardError, "");
+    EXPECT_EQ(testsupport::logMessagesOf(sandbox.readFile("/root/Library/Logs/Corvane/Lumidoc Remover Updater.log")),
+              (std::vector<std::string>{"Log created", "detail"}));
+}
+
+TEST(Qelutil, LogPathPrintsThePathOrAnEmptyLineAfterAFailedSetUp)
+{
+    const Sandbox sandbox;
+    const RunResult failed = sandbox.runProgram(Sandbox::kQelutilPath, {"log-path"});
+    EXPECT_EQ(failed.exitStatus, 0);
+    EXPECT_EQ(failed.standardOutput, "\n");
+    sandbox.makeDirectory("/root/Library");
+    const RunResult path = sandbox.runProgram(Sandbox::kQelutilPath, {"log-path"});
+    EXPECT_EQ(path.exitStatus, 0);
+    EXPECT_EQ(path.standardOutput, "/root/Library/Logs/Corvane/Lumidoc Remover Updater.log\n");
+}
+
+TEST(Qelutil, LogLevelReadsTheSettingWithoutReadingAnUnchangedSettingsFileAgain)
+{
+    const Sandbox sandbox;
+    sandbox.writeFile("/root/Library/Preferences/.GlobalPreferences.plist",
+                      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                      "\t<key>LogLevel</key>\n\t<integer>1</integer>\n</dict>\n</plist>\n");
+    const RunResult result = sandbox.runProgram(Sandbox::kQelutilPath, {"log-level", "1000"});
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(result.standardOutput, "1 1\n");
 }
 
 TEST(Qelutil, ArgumentsAfterTheFirstSettingAreAllSettings)

@@ -30,9 +30,12 @@ std::string lastLineOf(const std::string& text)
 }
 
 // qelutil of the built bundle in the sandbox over a fixture of its own, so
-// that no stored setting of this machine takes part.
+// that no stored setting of this machine takes part. The home folder has the
+// Library folder every user has, where an error line's log file goes.
 class HashCommand : public testing::Test {
 protected:
+    void SetUp() override { sandbox.makeDirectory("/root/Library"); }
+
     // The path inside of a file of the fixture with the contents.
     std::string fileWith(const std::string& name, const std::string& contents)
     {

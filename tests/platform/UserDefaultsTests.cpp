@@ -274,3 +274,50 @@ TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlo
 }
 
 }  // namespace
+
+namespace {
+
+// Stored domains are read again only when their file has changed ------------
+
+TEST_F(UserDefaultsTest, AnUnchangedStoredDomainIsReadOnceForManyLookUps)
+{
+    writeDomain(globalDomainPath(), strings({{"LogLevel", "1"}}));
+    const uint64_t before = defaults().storedDomainReadCount();
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(defaults().integerForKey("LogLevel"), 1);
+    }
+    EXPECT_EQ(defaults().storedDomainReadCount() - before, 1U);
+}
+
+TEST_F(UserDefaultsTest, AChangedStoredDomainIsReadAgain)
+{
+    writeDomain(globalDomainPath(), strings({{"LogLevel", "1"}}));
+    ASSERT_EQ(defaults().integerForKey("LogLevel"), 1);
+    const uint64_t before = defaults().storedDomainReadCount();
+    // The same size, written in place: only the times tell the change.
+    writeDomain(globalDomainPath(), strings({{"LogLevel", "0"}}));
+    EXPECT_EQ(defaults().integerForKey("LogLevel"), 0);
+    EXPECT_EQ(defaults().storedDomainReadCount() - before, 1U);
+}
+
+TEST_F(UserDefaultsTest, AStoredDomainReplacedByAnotherFileIsReadAgain)
+{
+    writeDomain(globalDomainPath(), strings({{"LogLevel", "1"}}));
+    ASSERT_EQ(defaults().integerForKey("LogLevel"), 1);
+    const std::string other = thePreferences.at("other.plist");
+    writeDomain(other, strings({{"LogLevel", "0"}}));
+    std::filesystem::rename(other, globalDomainPath());
+    EXPECT_EQ(defaults().integerForKey("LogLevel"), 0);
+}
+
+TEST_F(UserDefaultsTest, ARemovedStoredDomainIsNoLongerSeen)
+{
+    writeDomain(globalDomainPath(), strings({{"LogLevel", "1"}}));
+    ASSERT_EQ(defaults().integerForKey("LogLevel"), 1);
+    std::filesystem::remove(globalDomainPath());
+    EXPECT_EQ(defaults().integerForKey("LogLevel"), 0);
+    writeDomain(globalDomainPath(), strings({{"LogLevel", "1"}}));
+    EXPECT_EQ(defaults().integerForKey("LogLevel"), 1);
+}
+
+}  // namespace
