@@ -49,12 +49,14 @@ void runLaunchctl(const char* verb, const std::string& plistPath)
     platform::Task::launchedTaskWithLaunchPath(kLaunchctl_ToolPath, {verb, plistPath}).waitUntilExit();
 }
 
+}  // namespace
+
 // An agent counts as stale when it is of the family and its program is gone.
 // Programs on other volumes are never judged: the volume may just be absent.
-bool isStaleAgent(const std::string& plistPath)
+bool QELAgentIsStale(std::string_view plistBytes)
 {
-    const std::optional<PropertyList> agent = PropertyList::dictionaryWithContentsOfFile(plistPath);
-    if (!agent) {
+    const std::optional<PropertyList> agent = PropertyList::fromBytes(plistBytes);
+    if (!agent || agent->type() != PropertyList::Type::Dictionary) {
         return false;
     }
     const PropertyList* label = agent->objectForKey("Label");
@@ -74,6 +76,14 @@ bool isStaleAgent(const std::string& plistPath)
         return false;
     }
     return !FileManager::defaultManager().fileExistsAtPath(program);
+}
+
+namespace {
+
+bool isStaleAgent(const std::string& plistPath)
+{
+    const std::optional<std::string> bytes = FileManager::defaultManager().contentsAtPath(plistPath);
+    return bytes && QELAgentIsStale(*bytes);
 }
 
 void installAgent(const std::string& bundlePath, const std::optional<std::string>& appName, const std::string& label,

@@ -10,6 +10,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "platform/Bundle.h"
 
@@ -28,3 +29,11 @@ void SetupQELAgent(const platform::Bundle& bundle, const std::optional<std::stri
 // The agent property-list path for a bundle path. Throws what the hash of
 // the path throws.
 std::string QELAgentPlistPath(const std::string& bundlePath);
+
+// True when the bytes of one agent file are a stale agent of the family: a
+// dictionary whose "Label" has the family prefix and whose first program
+// argument is missing and not under "/Volumes/". Bytes that are no
+// dictionary are not stale. Throws platform::Exception when the label or the
+// program is not text, the arguments are not an array, or there is no first
+// argument.
+bool QELAgentIsStale(std::string_view plistBytes);

@@ -53,18 +53,20 @@ std::string lastPathComponent(std::string_view path)
 
 std::string deletingLastPathComponent(std::string_view path)
 {
-    const std::string_view trimmed = trimmingTrailingSlashes(path);
-    if (trimmed == "/") {
+    // Repeated slashes collapse in what is left, as they do when a component
+    // is appended: "/a//b/c" and "/a/b/c" have the same parent "/a/b".
+    const std::string standardized = standardizingSlashes(path);
+    if (standardized == "/") {
         return "/";
     }
-    const auto slash = trimmed.rfind('/');
-    if (slash == std::string_view::npos) {
+    const auto slash = standardized.rfind('/');
+    if (slash == std::string::npos) {
         return "";
     }
     if (slash == 0) {
         return "/";
     }
-    return std::string(trimmingTrailingSlashes(trimmed.substr(0, slash)));
+    return standardized.substr(0, slash);
 }
 
 std::string appendingPathComponent(std::string_view path, std::string_view component)

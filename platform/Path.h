@@ -21,7 +21,7 @@ namespace platform {
 std::string lastPathComponent(std::string_view path);
 
 /// The path less its last component and the slashes before it. Repeated
-/// slashes inside what is left stay as written.
+/// slashes inside what is left collapse into one.
 /// @code
 ///   deletingLastPathComponent("/tmp/scratch.tiff")  == "/tmp"
 ///   deletingLastPathComponent("/tmp/lock/")         == "/tmp"
@@ -30,7 +30,8 @@ std::string lastPathComponent(std::string_view path);
 ///   deletingLastPathComponent("/")                  == "/"
 ///   deletingLastPathComponent("scratch.tiff")       == ""
 ///   deletingLastPathComponent("/tmp//scratch")      == "/tmp"
-///   deletingLastPathComponent("/a//b/c")            == "/a//b"
+///   deletingLastPathComponent("/a//b/c")            == "/a/b"
+///   deletingLastPathComponent("//tmp")              == "/"
 /// @endcode
 std::string deletingLastPathComponent(std::string_view path);
 

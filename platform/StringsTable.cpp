@@ -5,57 +5,12 @@
 #include "platform/FileManager.h"
 #include "platform/PropertyList.h"
 #include "platform/Text.h"
+#include "platform/TextEncoding.h"
 #include "platform/UTF8.h"
 
 namespace platform {
 
 namespace {
-
-bool isHighSurrogate(char32_t unit)
-{
-    return unit >= 0xD800 && unit <= 0xDBFF;
-}
-
-bool isLowSurrogate(char32_t unit)
-{
-    return unit >= 0xDC00 && unit <= 0xDFFF;
-}
-
-char32_t combineSurrogates(char32_t high, char32_t low)
-{
-    return 0x10000 + ((high - 0xD800) << 10) + (low - 0xDC00);
-}
-
-// UTF-16 (without its byte-order mark) to UTF-8; none for an odd number of
-// bytes or a surrogate without its partner.
-std::optional<std::string> utf16ToUTF8(std::string_view bytes, bool bigEndian)
-{
-    if (bytes.size() % 2 != 0) {
-        return std::nullopt;
-    }
-    auto unitAt = [&](size_t index) {
-        const auto first = static_cast<unsigned char>(bytes[index]);
-        const auto second = static_cast<unsigned char>(bytes[index + 1]);
-        return bigEndian ? static_cast<char32_t>((first << 8) | second) : static_cast<char32_t>((second << 8) | first);
-    };
-    std::string out;
-    out.reserve(bytes.size());
-    for (size_t i = 0; i < bytes.size(); i += 2) {
-        const char32_t unit = unitAt(i);
-        if (isHighSurrogate(unit)) {
-            if (i + 2 >= bytes.size() || !isLowSurrogate(unitAt(i + 2))) {
-                return std::nullopt;
-            }
-            appendUTF8(out, combineSurrogates(unit, unitAt(i + 2)));
-            i += 2;
-        } else if (isLowSurrogate(unit)) {
-            return std::nullopt;
-        } else {
-            appendUTF8(out, unit);
-        }
-    }
-    return out;
-}
 
 bool isBlank(char c)
 {
@@ -290,22 +245,14 @@ bool looksLikePropertyList(std::string_view text)
 
 std::optional<StringsTable::Table> StringsTable::parse(std::string_view bytes)
 {
-    std::string converted;
-    std::string_view text = bytes;
-    if (bytes.substr(0, 3) == "\xEF\xBB\xBF") {
-        text.remove_prefix(3);
-    } else if (bytes.substr(0, 2) == "\xFF\xFE" || bytes.substr(0, 2) == "\xFE\xFF") {
-        auto utf8 = utf16ToUTF8(bytes.substr(2), bytes[0] == '\xFE');
-        if (!utf8) {
-            return std::nullopt;
-        }
-        converted = std::move(*utf8);
-        text = converted;
+    const std::optional<std::string> text = textFromBytes(bytes);
+    if (!text) {
+        return std::nullopt;
     }
-    if (looksLikePropertyList(text)) {
-        return tableFromPropertyList(text);
+    if (looksLikePropertyList(*text)) {
+        return tableFromPropertyList(*text);
     }
-    return ClassicParser(text).parse();
+    return ClassicParser(*text).parse();
 }
 
 std::optional<StringsTable::Table> StringsTable::readFromFile(const std::string& path)

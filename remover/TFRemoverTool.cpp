@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
@@ -17,6 +19,7 @@
 #include "platform/Scanner.h"
 #include "platform/Task.h"
 #include "platform/Text.h"
+#include "platform/TextEncoding.h"
 #include "platform/Workspace.h"
 
 int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*) = nullptr;  // NOLINT
@@ -163,35 +166,48 @@ void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath, 
     destroyAndReport(*logPath, tag);
 }
 
+std::vector<std::string> TFRemoverTool::entriesOfList(std::string_view listBytes, std::string_view appFolder)
+{
+    std::vector<std::string> entries;
+    const std::optional<std::string> text = platform::textFromBytes(listBytes);
+    if (!text) {
+        return entries;
+    }
+    platform::Scanner lines(*text);
+    while (!lines.isAtEnd()) {
+        std::string line;
+        if (!lines.scanUpToString("\n", &line)) {
+            break;
+        }
+        std::string field;
+        platform::Scanner(line).scanUpToString("\t", &field);
+
+        std::string path = platform::expandingTildeInPath(field);
+        if (!platform::isAbsolutePath(path)) {
+            path = platform::appendingPathComponent(appFolder, field);
+        }
+        entries.push_back(std::move(path));
+    }
+    return entries;
+}
+
 void TFRemoverTool::listToDelete(const std::string& listPath)
 {
     // The list is read whole first, so a list that names its own file still
     // runs to its end.
-    const std::optional<std::string> text = FileManager::defaultManager().contentsAtPath(listPath);
-    if (!text) {
+    const std::optional<std::string> bytes = FileManager::defaultManager().contentsAtPath(listPath);
+    if (!bytes) {
         return;
     }
+    const std::vector<std::string> entries = entriesOfList(*bytes, theAppParentPath.value_or(""));
 
     const bool pluginMayGo = shouldDeleteBrowserPlugin();
     bool preferencesMet = false;
     bool pluginMet = false;
     int32_t tag = 0;
 
-    platform::Scanner lines(*text);
-    while (!lines.isAtEnd()) {
+    for (const std::string& path : entries) {
         try {
-            std::string line;
-            if (!lines.scanUpToString("\n", &line)) {
-                break;
-            }
-            std::string field;
-            platform::Scanner(line).scanUpToString("\t", &field);
-
-            std::string path = platform::expandingTildeInPath(field);
-            if (!platform::isAbsolutePath(path)) {
-                path = platform::appendingPathComponent(theAppParentPath.value_or(""), field);
-            }
-
             // Only the first occurrence of each protected path is guarded:
             // once both have been met the comparisons stop for this list.
             const bool isProtected = path == kBrowserPluginPreferencesPath || path == kBrowserPluginPath;

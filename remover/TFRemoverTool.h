@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 class TFRemoverTool {
 public:
@@ -27,6 +29,12 @@ public:
     void setOutput(std::FILE* output) noexcept { theOutput = output; }
 
     // Install logs and the bundle's own list.
+    // The paths a list names, in order, one per line: the text before the
+    // first tab, with leading white space skipped, "~" expanded, and a
+    // relative entry resolved against appFolder. A byte-order mark chooses
+    // UTF-8 or UTF-16; a UTF-16 list that does not decode names nothing.
+    // Reads and deletes nothing.
+    static std::vector<std::string> entriesOfList(std::string_view listBytes, std::string_view appFolder);
     // Removes every path a list file names, keeping the browser plug-in and
     // its preference file unless they belong to this application.
     void listToDelete(const std::string& listPath);

@@ -2,7 +2,8 @@
 # Installs what is missing, builds, runs every test, runs clang-tidy over the
 # project's own sources, builds and tests again with clang++, then builds and
 # runs the suite again under AddressSanitizer and UndefinedBehaviorSanitizer.
-# Every build treats warnings as errors. Fails on any finding.
+# Every build treats warnings as errors. Ends by running every fuzz target
+# for 20 seconds (scripts/fuzz.sh). Fails on any finding.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -38,3 +39,6 @@ echo "== sanitizer build and tests"
 scripts/build.sh build-sanitize -DREMOVER_SANITIZE=ON -DREMOVER_ENABLE_WERROR=ON
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     run_suite build-sanitize
+
+echo "== fuzz targets, 20 s each"
+scripts/fuzz.sh 20

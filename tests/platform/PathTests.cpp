@@ -92,6 +92,14 @@ TEST(DeletingLastPathComponent, DropsDoubledSlashesBeforeTheLastComponent)
     EXPECT_EQ(deletingLastPathComponent("a/b/c"), "a/b");
 }
 
+TEST(DeletingLastPathComponent, CollapsesRepeatedSlashesInWhatIsLeft)
+{
+    EXPECT_EQ(deletingLastPathComponent("/a//b/c"), "/a/b");
+    EXPECT_EQ(deletingLastPathComponent("//a///b//c//"), "/a/b");
+    EXPECT_EQ(deletingLastPathComponent("a//b/c"), "a/b");
+    EXPECT_EQ(deletingLastPathComponent("//tmp"), "/");
+}
+
 TEST(AppendingPathComponent, JoinsWithOneSlash)
 {
     EXPECT_EQ(appendingPathComponent("/tmp", "x"), "/tmp/x");

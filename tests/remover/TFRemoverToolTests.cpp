@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "platform/Exception.h"
 #include "platform/Workspace.h"
@@ -359,6 +360,78 @@ TEST_F(ListToDeleteTest, OtherThrownTypesLeaveTheList)
     writeFile(listPath, dir.at("one") + "\n" + dir.at("two") + "\n");
     EXPECT_THROW(remover.listToDelete(listPath), std::runtime_error);
     EXPECT_EQ(calls, 1);
+}
+
+using Entries = std::vector<std::string>;
+
+// A string of the given bytes, NULs included.
+template <std::size_t N>
+std::string bytes(const char (&text)[N])
+{
+    return {text, N - 1};
+}
+
+TEST(EntriesOfList, OnePathPerLineBeforeTheFirstTab)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList("/a/b\tfile\t0644\n  /c\n\n", "/Apps"), (Entries{"/a/b", "/c"}));
+}
+
+TEST(EntriesOfList, RelativeEntryResolvesAgainstTheApplicationFolder)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList("X.app\n", "/Apps/Folder"), (Entries{"/Apps/Folder/X.app"}));
+}
+
+TEST(EntriesOfList, CarriageReturnStaysPartOfThePath)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList("/a\r\n", "/Apps"), (Entries{"/a\r"}));
+}
+
+TEST(EntriesOfList, UTF8ByteOrderMarkIsNotPartOfTheFirstEntry)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList("\xEF\xBB\xBF/Library/x\n/y\n", "/Apps"), (Entries{"/Library/x", "/y"}));
+}
+
+TEST(EntriesOfList, ByteOrderMarkLaterInTheListStaysInItsEntry)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList("/a\n\xEF\xBB\xBF/b\n", "/Apps"), (Entries{"/a", "/Apps/\xEF\xBB\xBF/b"}));
+}
+
+TEST(EntriesOfList, LittleEndianUTF16WithByteOrderMarkIsReadAsUTF16)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFF\xFE/\0a\0\xE9\0\n\0/\0b\0\t\0x\0"), "/Apps"),
+              (Entries{"/a\xC3\xA9", "/b"}));
+}
+
+TEST(EntriesOfList, BigEndianUTF16WithByteOrderMarkIsReadAsUTF16)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFE\xFF\0/\0a\0\n\0r\0\n"), "/Apps"), (Entries{"/a", "/Apps/r"}));
+}
+
+TEST(EntriesOfList, UTF16ThatDoesNotDecodeNamesNothing)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFF\xFE/\0a"), "/Apps"), Entries{});
+    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFF\xFE\x00\xD8/\0"), "/Apps"), Entries{});
+}
+
+TEST(EntriesOfList, UTF16WithoutByteOrderMarkIsTakenAsBytes)
+{
+    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("/\0a\0"), "/Apps"), (Entries{bytes("/\0a\0")}));
+}
+
+TEST(EntriesOfList, DeletesNothing)
+{
+    TempDir dir;
+    writeFile(dir.at("keep"), "x");
+    EXPECT_EQ(TFRemoverTool::entriesOfList(dir.at("keep") + "\nkeep\n", dir.path()),
+              (Entries{dir.at("keep"), dir.at("keep")}));
+    EXPECT_TRUE(exists(dir.at("keep")));
+}
+
+TEST_F(ListToDeleteTest, ListWithUTF8ByteOrderMarkRemovesItsFirstEntry)
+{
+    writeFile(dir.at("first"), "x");
+    EXPECT_EQ(run("\xEF\xBB\xBF" + dir.at("first") + "\n"), "Removed " + dir.at("first") + ".\n");
+    EXPECT_FALSE(exists(dir.at("first")));
 }
 
 TEST(RemoveIconForFolder, PlatformExceptionPrintsTheCaughtLineAndReturns)
