@@ -16,6 +16,15 @@ CC=clang CXX=clang++ cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DRE
     -DBUILD_TESTING=OFF -DREMOVER_ENABLE_WERROR=ON >/dev/null
 cmake --build "$dir" -j"$(nproc)" --target fuzzers
 
+# The targets run the shared services, which log to the log file of the user
+# who runs them: each target runs over a private, empty home folder (a tmpfs
+# in a mount namespace of its own), so no real home folder is written.
+home=$(getent passwd "$(id -u)" | cut -d: -f6)
+in_private_home() {
+    unshare --mount --propagation private -- sh -c \
+        'mount -t tmpfs -o mode=0700 tmpfs "$0" && mkdir "$0/Library" && exec "$@"' "$home" "$@"
+}
+
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 for source in fuzz/*Fuzzer.cpp; do
@@ -24,7 +33,7 @@ for source in fuzz/*Fuzzer.cpp; do
     mkdir -p "$dir/corpus/$subject" "$dir/artifacts/$subject"
     echo "== $name, ${seconds}s"
     # New inputs go to the first folder; the seeds are only read.
-    "$dir/fuzz/$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+    in_private_home "$dir/fuzz/$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
         -artifact_prefix="$dir/artifacts/$subject/" "$dir/corpus/$subject" "fuzz/corpus/$subject" \
         >"$dir/$name.log" 2>&1 || {
         tail -n 60 "$dir/$name.log" >&2
