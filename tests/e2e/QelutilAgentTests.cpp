@@ -57,18 +57,7 @@ std::optional<std::string> stringValue(plist_t node)
     return result;
 }
 
-// A fixture with the application installed and the user's Library folder.
-template <class Base>
-class WithInstalledApp : public Base {
-protected:
-    void SetUp() override
-    {
-        testsupport::installApp(sandbox, kDefaultApp);
-        sandbox.makeDirectory(kHomeLibrary);
-    }
-
-    Sandbox sandbox;
-};
+using testsupport::WithInstalledApp;
 
 class QelutilAgentTest : public WithInstalledApp<testing::Test> {
 protected:

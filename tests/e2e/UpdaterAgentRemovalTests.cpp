@@ -45,18 +45,7 @@ using testsupport::Sandbox;
 using testsupport::sorted;
 using testsupport::unloadOf;
 
-// A fixture with the application installed and the user's Library folder.
-template <class Base>
-class WithInstalledApp : public Base {
-protected:
-    void SetUp() override
-    {
-        testsupport::installApp(sandbox, kDefaultApp);
-        sandbox.makeDirectory(kHomeLibrary);
-    }
-
-    Sandbox sandbox;
-};
+using testsupport::WithInstalledApp;
 
 class UpdaterAgentTest : public WithInstalledApp<testing::Test> {
 protected:

@@ -3,6 +3,7 @@
 #include "platform/ProtectedFolders.h"
 #include "platform/RemovalRefusal.h"
 
+#include "tests/support/FileModes.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -100,22 +101,7 @@ public:
     }
 
 private:
-    bool setImmutable(bool on) const
-    {
-        const std::string path = theFolder + "/" + theName;
-        const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
-        if (fd < 0) {
-            return false;
-        }
-        int flags = 0;
-        bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-        if (done) {
-            flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-            done = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-        }
-        ::close(fd);
-        return done;
-    }
+    bool setImmutable(bool on) const { return testsupport::setImmutableFlag(theFolder + "/" + theName, on); }
 
     std::string theFolder;
     std::string theName;
@@ -345,24 +331,12 @@ struct Failures {
 };
 
 // Runs `body` in a child with a mount namespace of its own; its result is
-// the exit status, 100 when the namespace could not be made.
+// the exit status, 125 when the namespace could not be made.
 int runInOwnMountNamespace(const std::function<int()>& body)
 {
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        return -1;
-    }
-    if (pid == 0) {
-        if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            ::_exit(100);
-        }
-        ::_exit(body());
-    }
-    int status = 0;
-    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return -1;
-    }
-    return WEXITSTATUS(status);
+    return testsupport::runInChild(
+        [] { return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0; },
+        body);
 }
 
 void giveToUnprivilegedUser(const std::string& path)

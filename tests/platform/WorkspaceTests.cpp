@@ -1,5 +1,6 @@
 #include "platform/Workspace.h"
 
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -39,21 +40,9 @@ bool destroy(const std::string& source, const std::vector<std::string>& files)
 // the body's result; -1 when the child could not be set up.
 int runWithRootAt(const std::string& root, const std::function<int()>& body)
 {
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        return -1;
-    }
-    if (pid == 0) {
-        if (::chroot(root.c_str()) != 0 || ::chdir("/") != 0) {
-            ::_exit(100);
-        }
-        ::_exit(body());
-    }
-    int status = 0;
-    if (::waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
-        return -1;
-    }
-    return WEXITSTATUS(status);
+    const int status =
+        testsupport::runInChild([&root] { return ::chroot(root.c_str()) == 0 && ::chdir("/") == 0; }, body);
+    return status == 125 ? -1 : status;
 }
 
 class RecordingWorkspace : public Workspace {

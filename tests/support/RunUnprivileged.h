@@ -1,5 +1,6 @@
-// Runs a check as an unprivileged user (nobody, 65534) in a child process,
-// for behaviour that root would never see, such as a folder it may not read.
+// Runs a check in a child process set up its own way: as an unprivileged
+// user (nobody, 65534) for behaviour root would never see, such as a folder
+// it may not read, or in a mount namespace or under a root of its own.
 #pragma once
 
 #include <grp.h>
@@ -14,21 +15,20 @@ namespace testsupport {
 constexpr uid_t kUnprivilegedUser = 65534;
 constexpr gid_t kUnprivilegedGroup = 65534;
 
-// The exit status of a child that drops every privilege and then runs
-// `body`, whose result is the status: 0 for a passing check. 125 when the
-// child could not give up root, 126 when the body threw, -1 when the child
-// did not end normally. The child leaves at once (_exit): no destructor of
-// the test runs twice. Folders the body must reach need to be open to others.
-inline int runUnprivileged(const std::function<int()>& body)
+// The exit status of a child that first runs `enter` (which sets the child
+// up: drops privileges, changes its root, unshares its mounts) and then
+// `body`, whose result is the status: 0 for a passing check. 125 when
+// `enter` failed, 126 when the body threw, -1 when the child did not end
+// normally. The child leaves at once (_exit): no destructor of the test
+// runs twice.
+inline int runInChild(const std::function<bool()>& enter, const std::function<int()>& body)
 {
     const pid_t pid = ::fork();
     if (pid < 0) {
         return -1;
     }
     if (pid == 0) {
-        // A run that is not root already is unprivileged as it is.
-        if (::geteuid() == 0 && (::setgroups(0, nullptr) != 0 || ::setgid(kUnprivilegedGroup) != 0 ||
-                                 ::setuid(kUnprivilegedUser) != 0 || ::geteuid() == 0)) {
+        if (!enter()) {
             ::_exit(125);
         }
         int status = 126;
@@ -44,6 +44,19 @@ inline int runUnprivileged(const std::function<int()>& body)
         return -1;
     }
     return WEXITSTATUS(status);
+}
+
+// runInChild as nobody: 125 when the child could not give up root. Folders
+// the body must reach need to be open to others.
+inline int runUnprivileged(const std::function<int()>& body)
+{
+    return runInChild(
+        [] {
+            // A run that is not root already is unprivileged as it is.
+            return ::geteuid() != 0 || (::setgroups(0, nullptr) == 0 && ::setgid(kUnprivilegedGroup) == 0 &&
+                                        ::setuid(kUnprivilegedUser) == 0 && ::geteuid() != 0);
+        },
+        body);
 }
 
 }  // namespace testsupport

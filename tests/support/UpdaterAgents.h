@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 
 namespace testsupport {
@@ -47,5 +48,19 @@ std::vector<JournalEntry> launchctlCalls(const Sandbox& sandbox);
 JournalEntry unloadOf(const std::string& plistPath);
 JournalEntry loadOf(const std::string& plistPath);
 std::vector<JournalEntry> sorted(std::vector<JournalEntry> entries);
+
+// A fixture with the application installed at its default place and the
+// user's Library folder.
+template <class Base>
+class WithInstalledApp : public Base {
+protected:
+    void SetUp() override
+    {
+        installApp(sandbox, kDefaultApp);
+        sandbox.makeDirectory(kHomeLibrary);
+    }
+
+    Sandbox sandbox;
+};
 
 }  // namespace testsupport
