@@ -110,6 +110,13 @@ UniqueFd openAt(int directoryFd, const std::string& path, int flags, mode_t mode
     return UniqueFd(fd);
 }
 
+UniqueFd anonymousFile(const char* name, std::error_code* error)
+{
+    const int fd = ::memfd_create(name, MFD_CLOEXEC);
+    setError(error, fd < 0 ? lastError() : std::error_code());
+    return UniqueFd(fd);
+}
+
 std::error_code statDescriptor(int fd, struct stat& info) noexcept
 {
     return ::fstat(fd, &info) == 0 ? std::error_code() : lastError();
@@ -127,6 +134,22 @@ std::error_code readAll(int fd, std::string& out)
             return {};
         }
         out.append(buffer, static_cast<std::size_t>(got));
+    }
+}
+
+std::error_code readAllFromStart(int fd, std::string& out)
+{
+    char buffer[65536];
+    for (off_t offset = 0;;) {
+        const ssize_t got = retryOnEintr([&] { return ::pread(fd, buffer, sizeof buffer, offset); });
+        if (got < 0) {
+            return lastError();
+        }
+        if (got == 0) {
+            return {};
+        }
+        out.append(buffer, static_cast<std::size_t>(got));
+        offset += got;
     }
 }
 

@@ -166,11 +166,19 @@ UniqueFd openFile(const std::string& path, int flags, mode_t mode = 0, std::erro
 // O_CLOEXEC added.
 UniqueFd openAt(int directoryFd, const std::string& path, int flags, mode_t mode = 0, std::error_code* error = nullptr);
 
+// A new, empty file in memory with no name in any folder (memfd_create):
+// gone with its last descriptor. `name` shows only in /proc.
+UniqueFd anonymousFile(const char* name, std::error_code* error = nullptr);
+
 // fstat(2) of an open descriptor.
 std::error_code statDescriptor(int fd, struct stat& info) noexcept;
 
 // Appends everything from `fd` to `out` up to the end of the file.
 std::error_code readAll(int fd, std::string& out);
+// Appends the whole file open at `fd` to `out`, read from its start with
+// pread, so the descriptor's offset (shared with whoever else holds it) stays
+// where it is.
+std::error_code readAllFromStart(int fd, std::string& out);
 // Writes all of `bytes`, going on after short writes.
 std::error_code writeAll(int fd, std::string_view bytes) noexcept;
 

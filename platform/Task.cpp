@@ -8,6 +8,7 @@
 #include <iostream>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <utility>
 
 extern char** environ;
@@ -15,6 +16,11 @@ extern char** environ;
 namespace platform {
 
 namespace {
+
+Task::TerminationReason reasonOf(int waitStatus)
+{
+    return WIFSIGNALED(waitStatus) ? Task::TerminationReason::UncaughtSignal : Task::TerminationReason::Exit;
+}
 
 int exitStatusOf(int waitStatus)
 {
@@ -30,6 +36,12 @@ int exitStatusOf(int waitStatus)
 }  // namespace
 
 Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::vector<std::string>& arguments)
+{
+    return launchedTaskWithLaunchPath(launchPath, arguments, TaskOptions{});
+}
+
+Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::vector<std::string>& arguments,
+                                      const TaskOptions& options)
 {
     // Whatever this process has printed so far goes out before the child's
     // output, also when standard output is a file or a pipe.
@@ -48,20 +60,81 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
     }
     argv.push_back(nullptr);
 
+    // This process's environment with the options' variables set on top.
+    std::vector<std::string> variables;
+    for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string variable(*entry);
+        const std::string name = variable.substr(0, variable.find('='));
+        bool replaced = false;
+        for (const auto& [optionName, optionValue] : options.environment) {
+            replaced = replaced || optionName == name;
+        }
+        if (!replaced) {
+            variables.push_back(variable);
+        }
+    }
+    for (const auto& [name, value] : options.environment) {
+        variables.push_back(name + "=" + value);
+    }
+    std::vector<char*> envp;
+    envp.reserve(variables.size() + 1);
+    for (std::string& variable : variables) {
+        envp.push_back(variable.data());
+    }
+    envp.push_back(nullptr);
+
+    std::error_code failure;
+    posix::UniqueFd output;
+    if (options.captureStandardOutput) {
+        output = posix::anonymousFile("standard-output", &failure);
+        if (!output.valid()) {
+            Exception::raise(kInvalidArgumentException,
+                             "launch path not accessible: " + launchPath + " (" + failure.message() + ")");
+        }
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    int status = 0;
+    if (output.valid()) {
+        status = posix_spawn_file_actions_adddup2(&actions, output.get(), STDOUT_FILENO);
+    }
+    // A descriptor duplicated onto itself loses close-on-exec in the child
+    // (glibc 2.29 and later).
+    for (const int fd : options.inheritedDescriptors) {
+        if (status == 0) {
+            status = posix_spawn_file_actions_adddup2(&actions, fd, fd);
+        }
+    }
+
     pid_t pid = -1;
     // glibc reports a failed exec (missing file, no permission) as the result.
-    const int status =
-        launchPath.empty() ? ENOENT : ::posix_spawn(&pid, launchPath.c_str(), nullptr, nullptr, argv.data(), environ);
+    if (status == 0) {
+        status = launchPath.empty() ? ENOENT
+                                    : ::posix_spawn(&pid, launchPath.c_str(), &actions, nullptr, argv.data(), envp.data());
+    }
+    posix_spawn_file_actions_destroy(&actions);
     if (status != 0) {
         Exception::raise(kInvalidArgumentException,
                          "launch path not accessible: " + launchPath + " (" + std::strerror(status) + ")");
     }
-    return Task(pid);
+    return Task(pid, std::move(output));
+}
+
+std::string Task::standardOutputData() const
+{
+    std::string data;
+    if (theOutput.valid()) {
+        // What cannot be read is simply not there.
+        (void)posix::readAllFromStart(theOutput.get(), data);
+    }
+    return data;
 }
 
 Task::Task(Task&& other) noexcept
     : thePid(std::exchange(other.thePid, -1)),
+      theOutput(std::move(other.theOutput)),
       theStatus(other.theStatus),
+      theReason(other.theReason),
       theWaited(other.theWaited)
 {
 }
@@ -73,7 +146,9 @@ Task& Task::operator=(Task&& other) noexcept
             waitUntilExit();
         }
         thePid = std::exchange(other.thePid, -1);
+        theOutput = std::move(other.theOutput);
         theStatus = other.theStatus;
+        theReason = other.theReason;
         theWaited = other.theWaited;
     }
     return *this;
@@ -99,6 +174,7 @@ void Task::waitUntilExit()
     theWaited = true;
     if (result == thePid) {
         theStatus = exitStatusOf(waitStatus);
+        theReason = reasonOf(waitStatus);
     }
 }
 

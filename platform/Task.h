@@ -4,16 +4,35 @@
 
 #include <string>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
+
+#include "platform/PosixIO.h"
 
 namespace platform {
 
+// How a task is started, beyond its path and arguments.
+struct TaskOptions {
+    // Whether the child's standard output goes to a file of the task's own,
+    // read with standardOutputData() (its parent's standard output otherwise).
+    bool captureStandardOutput = false;
+    // Descriptors the child keeps open under the same numbers; every other
+    // descriptor of the platform is closed in the child.
+    std::vector<int> inheritedDescriptors;
+    // Variables set in the child's environment on top of this process's.
+    std::vector<std::pair<std::string, std::string>> environment;
+};
+
 class Task {
 public:
+    enum class TerminationReason { Exit, UncaughtSignal };
+
     // Flushes standard output first, so the child's lines land after ours
     // when output goes to a file. Throws Exception (NSInvalidArgumentException)
     // when the executable cannot be started.
     static Task launchedTaskWithLaunchPath(const std::string& launchPath, const std::vector<std::string>& arguments);
+    static Task launchedTaskWithLaunchPath(const std::string& launchPath, const std::vector<std::string>& arguments,
+                                           const TaskOptions& options);
 
     Task(Task&& other) noexcept;
     Task& operator=(Task&& other) noexcept;
@@ -25,12 +44,20 @@ public:
     void waitUntilExit();
     // The exit status once waited for (128 + signal for a signalled child).
     int terminationStatus() const noexcept { return theStatus; }
+    // Whether the child exited or a signal ended it (then terminationStatus()
+    // is 128 + the signal).
+    TerminationReason terminationReason() const noexcept { return theReason; }
     pid_t processIdentifier() const noexcept { return thePid; }
+    // Everything the child wrote on its standard output, once waited for,
+    // when it was captured (empty otherwise).
+    std::string standardOutputData() const;
 
 private:
-    explicit Task(pid_t pid) : thePid(pid) {}
+    Task(pid_t pid, posix::UniqueFd output) : thePid(pid), theOutput(std::move(output)) {}
     pid_t thePid = -1;
+    posix::UniqueFd theOutput;
     int theStatus = 0;
+    TerminationReason theReason = TerminationReason::Exit;
     bool theWaited = false;
 };
 

@@ -49,6 +49,11 @@ std::optional<PasswordEntry> effectiveUserEntry()
 
 }  // namespace
 
+uint32_t effectiveUserID()
+{
+    return ::geteuid();
+}
+
 std::string userName()
 {
     const auto entry = effectiveUserEntry();

@@ -14,6 +14,8 @@ enum class SearchPathDirectory : unsigned { Library = 5 };
 enum class SearchPathDomainMask : unsigned { User = 1 };
 
 std::string userName();
+// The effective user id of this process (0 for root).
+uint32_t effectiveUserID();
 std::string homeDirectory();
 std::optional<std::string> homeDirectoryForUser(const std::string& name);
 // The name in the password database's entry for the user id; none when the

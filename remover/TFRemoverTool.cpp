@@ -38,7 +38,6 @@ constexpr char kBrowserPluginPath[] = "/Library/Internet Plug-Ins/CorvanePDFView
 constexpr char kBrowserPluginPreferencesPath[] = "/Library/Preferences/com.corvane.lumidoc.pdfviewer.plist";
 constexpr char kBrowserPluginAppKey[] = "WebBrowserUsePath";
 constexpr char kFileURLPrefix[] = "file://localhost";
-constexpr char kPackageToolPath[] = "/usr/sbin/pkgutil";
 constexpr char kApplicationPackage[] = "com.corvane.lumidoc.10.viewer.app.pkg";
 constexpr const char* kFurtherPackages[] = {
     "com.corvane.lumidoc.10.viewer.preinstall.pkg",
@@ -57,8 +56,6 @@ constexpr const char* kPrintComponents[] = {
 };
 constexpr char kApplicationManagerReference[] =
     "/Library/Application Support/Corvane/CorvaneApplicationManager/JEXRefs/com.corvane.Lumidoc_10.jexref";
-constexpr char kInstallManagerLibrary[] = "CorvaneHOV.dylib";
-constexpr char kInstallManagerEntry[] = "hov_uninstallCorvaneApplicationManager";
 constexpr int kCurrentMajorVersion = 10;
 
 // Keys of the status words in the strings table; a key without a

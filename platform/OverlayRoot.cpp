@@ -1,0 +1,366 @@
+#include "platform/OverlayRoot.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sched.h>
+#include <string_view>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "platform/MountPoint.h"
+#include "platform/MountTable.h"
+
+namespace platform {
+
+namespace {
+
+// File systems that are the kernel's interfaces rather than files: they are
+// never overlaid (an overlay refuses most of them, and their entries are not
+// files to remove), only made read-only.
+constexpr std::array<std::string_view, 21> kKernelInterfaceTypes = {
+    "proc",      "sysfs",     "cgroup",  "cgroup2", "devpts",   "mqueue",      "debugfs",
+    "tracefs",   "securityfs", "pstore", "bpf",     "configfs", "fusectl",     "efivarfs",
+    "binfmt_misc", "hugetlbfs", "autofs", "nsfs",   "selinuxfs", "rpc_pipefs", "nfsd",
+};
+
+bool isKernelInterface(const MountEntry& mount)
+{
+    return std::find(kKernelInterfaceTypes.begin(), kKernelInterfaceTypes.end(), mount.fileSystemType) !=
+           kKernelInterfaceTypes.end();
+}
+
+std::size_t depthOf(const std::string& mountPoint)
+{
+    return mountPoint == "/" ? 0 : static_cast<std::size_t>(std::count(mountPoint.begin(), mountPoint.end(), '/'));
+}
+
+// The mount point relative to a root folder descriptor ("." for "/").
+std::string relativeToRoot(const std::string& mountPoint)
+{
+    const std::size_t start = mountPoint.find_first_not_of('/');
+    return start == std::string::npos ? std::string(".") : mountPoint.substr(start);
+}
+
+// Whether `path` lies inside `folder` (or is it).
+bool liesInside(const std::string& path, const std::string& folder)
+{
+    if (folder == "/") {
+        return true;
+    }
+    return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+                              path[folder.size()] == '/');
+}
+
+// `relative` below the folder open at `rootFd`, never through a link and
+// never above that folder (openat2 RESOLVE_IN_ROOT, RESOLVE_NO_SYMLINKS).
+posix::UniqueFd openBeneath(int rootFd, const std::string& relative, int flags)
+{
+    struct open_how how {};
+    how.flags = static_cast<uint64_t>(flags) | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_SYMLINKS;
+    const long fd =
+        posix::retryOnEintr([&] { return ::syscall(SYS_openat2, rootFd, relative.c_str(), &how, sizeof how); });
+    return posix::UniqueFd(static_cast<int>(fd));
+}
+
+// The attributes an overlay takes over from the mount it stands for.
+uint64_t mountAttributesOf(const MountEntry& mount)
+{
+    uint64_t attributes = 0;
+    const std::array<std::pair<std::string_view, uint64_t>, 6> options = {{
+        {"nosuid", MOUNT_ATTR_NOSUID},
+        {"nodev", MOUNT_ATTR_NODEV},
+        {"noexec", MOUNT_ATTR_NOEXEC},
+        {"noatime", MOUNT_ATTR_NOATIME},
+        {"nodiratime", MOUNT_ATTR_NODIRATIME},
+        {"nosymfollow", MOUNT_ATTR_NOSYMFOLLOW},
+    }};
+    for (const auto& [option, attribute] : options) {
+        if (mount.hasMountOption(option)) {
+            attributes |= attribute;
+        }
+    }
+    if (mount.hasMountOption("strictatime")) {
+        attributes |= MOUNT_ATTR_STRICTATIME;
+    }
+    return attributes;
+}
+
+class Builder {
+public:
+    explicit Builder(OverlayRoot::Failure* failure) : theFailure(failure) {}
+
+    bool fail(OverlayRoot::FailureKind kind, std::string step, std::error_code code = posix::lastError())
+    {
+        if (theFailure != nullptr) {
+            *theFailure = {kind, std::move(step), code};
+        }
+        return false;
+    }
+    bool fail(std::string step, std::error_code code = posix::lastError())
+    {
+        return fail(OverlayRoot::FailureKind::SetUp, std::move(step), code);
+    }
+
+private:
+    OverlayRoot::Failure* theFailure;
+};
+
+// A mount to lay into the new root: a detached copy of it alone.
+struct PlannedMount {
+    MountEntry entry;
+    posix::UniqueFd copy;
+    bool isDirectory = false;
+};
+
+bool makeReadOnly(int mountFd)
+{
+    struct mount_attr attributes {};
+    attributes.attr_set = MOUNT_ATTR_RDONLY;
+    return ::mount_setattr(mountFd, "", AT_EMPTY_PATH, &attributes, sizeof attributes) == 0;
+}
+
+bool attach(int mountFd, int targetFd)
+{
+    return ::move_mount(mountFd, "", targetFd, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0;
+}
+
+// A new overlay mount (detached) over `folder`/lower with `folder`/upper as its
+// writable layer; an invalid descriptor and the kernel's reason in `error`
+// when it refuses (ENODEV: no overlay file system at all).
+posix::UniqueFd makeOverlay(const std::string& folder, uint64_t attributes, std::error_code& error)
+{
+    const posix::UniqueFd context(::fsopen("overlay", FSOPEN_CLOEXEC));
+    if (!context.valid()) {
+        error = posix::lastError();
+        return {};
+    }
+    const std::string lower = folder + "/lower";
+    const std::string upper = folder + "/upper";
+    const std::string work = folder + "/work";
+    // Inode numbers stay those of the original files when they are copied up
+    // (xino); renamed folders and hard links are not tracked across layers,
+    // so the writable layer holds plain files, folders and whiteouts only.
+    const std::array<std::pair<const char*, const char*>, 7> settings = {{
+        {"lowerdir", lower.c_str()},
+        {"upperdir", upper.c_str()},
+        {"workdir", work.c_str()},
+        {"xino", "on"},
+        {"redirect_dir", "off"},
+        {"index", "off"},
+        {"metacopy", "off"},
+    }};
+    for (const auto& [key, value] : settings) {
+        if (::fsconfig(context.get(), FSCONFIG_SET_STRING, key, value, 0) != 0) {
+            error = posix::lastError();
+            return {};
+        }
+    }
+    if (::fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
+        error = posix::lastError();
+        return {};
+    }
+    posix::UniqueFd mount(::fsmount(context.get(), FSMOUNT_CLOEXEC, static_cast<unsigned int>(attributes)));
+    error = mount.valid() ? std::error_code() : posix::lastError();
+    return mount;
+}
+
+}  // namespace
+
+std::string OverlayRoot::Failure::message() const
+{
+    return code ? step + ": " + code.message() : step;
+}
+
+std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Failure* failure)
+{
+    Builder builder(failure);
+    if (::unshare(CLONE_NEWNS) != 0) {
+        builder.fail(FailureKind::NoMountNamespace, "cannot make a private mount namespace");
+        return std::nullopt;
+    }
+    // Nothing done from here on reaches the namespace this process came from.
+    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        builder.fail("cannot make the mounts of the namespace private");
+        return std::nullopt;
+    }
+    std::error_code error;
+    std::vector<MountEntry> mounts = MountTable::ofThisProcess(&error);
+    if (mounts.empty()) {
+        builder.fail("cannot read the mount table /proc/self/mountinfo", error);
+        return std::nullopt;
+    }
+    // Parents before what is mounted on them; the table's own order among
+    // mounts of one depth (a later one on the same folder covers an earlier).
+    std::stable_sort(mounts.begin(), mounts.end(), [](const MountEntry& a, const MountEntry& b) {
+        return depthOf(a.mountPoint) < depthOf(b.mountPoint);
+    });
+
+    // A copy of each mount that can be seen, taken before the working folder
+    // is covered. A mount covered by another, or reachable only through a
+    // link, cannot be seen and is left out.
+    const posix::UniqueFd liveRoot = posix::openFile("/", O_PATH | O_DIRECTORY, 0, &error);
+    if (!liveRoot.valid()) {
+        builder.fail("cannot open /", error);
+        return std::nullopt;
+    }
+    std::vector<PlannedMount> planned;
+    for (MountEntry& mount : mounts) {
+        const posix::UniqueFd at = openBeneath(liveRoot.get(), relativeToRoot(mount.mountPoint), O_PATH);
+        if (!at.valid() || MountPoint::mountIdOf(at.get()) != mount.mountId) {
+            continue;
+        }
+        posix::UniqueFd copy(::open_tree(at.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH));
+        if (!copy.valid()) {
+            builder.fail("cannot copy the mount at " + mount.mountPoint);
+            return std::nullopt;
+        }
+        struct stat status {};
+        if (const std::error_code statFailure = posix::statDescriptor(at.get(), status)) {
+            builder.fail("cannot examine " + mount.mountPoint, statFailure);
+            return std::nullopt;
+        }
+        planned.push_back({std::move(mount), std::move(copy), S_ISDIR(status.st_mode)});
+    }
+
+    struct stat workStatus {};
+    if (::lstat(workFolder.c_str(), &workStatus) != 0 || !S_ISDIR(workStatus.st_mode)) {
+        builder.fail("no folder " + workFolder + " for the working space", std::make_error_code(std::errc::not_a_directory));
+        return std::nullopt;
+    }
+    if (::mount("tmpfs", workFolder.c_str(), "tmpfs", MS_NOSUID, "mode=0700") != 0) {
+        builder.fail("cannot mount a tmpfs on " + workFolder);
+        return std::nullopt;
+    }
+    const std::string newRootPath = workFolder + "/root";
+    if (::mkdir(newRootPath.c_str(), 0755) != 0) {
+        builder.fail("cannot make " + newRootPath);
+        return std::nullopt;
+    }
+
+    OverlayRoot root;
+    posix::UniqueFd newRoot;
+    for (std::size_t index = 0; index < planned.size(); ++index) {
+        PlannedMount& mount = planned[index];
+        const std::string& mountPoint = mount.entry.mountPoint;
+        const bool isRoot = mountPoint == "/";
+        posix::UniqueFd target = isRoot ? posix::openFile(newRootPath, O_PATH | O_DIRECTORY, 0, &error)
+                                        : openBeneath(newRoot.get(), relativeToRoot(mountPoint), O_PATH);
+        if (!target.valid()) {
+            builder.fail("cannot reach " + mountPoint + " in the new root");
+            return std::nullopt;
+        }
+
+        // Why a writable mount is left read-only; empty when it is not.
+        std::string readOnlyReason;
+        bool overlaid = false;
+        const bool writableFolder = mount.isDirectory && !mount.entry.isReadOnly();
+        if (writableFolder && isKernelInterface(mount.entry)) {
+            readOnlyReason = "a kernel interface";
+        } else if (writableFolder) {
+            const std::string folder = workFolder + "/" + std::to_string(index);
+            for (const std::string& part : {folder, folder + "/lower", folder + "/upper", folder + "/work"}) {
+                if (::mkdir(part.c_str(), 0700) != 0) {
+                    builder.fail("cannot make " + part);
+                    return std::nullopt;
+                }
+            }
+            // The copy is attached below the working folder: an overlay
+            // takes its layers from mounts of its own namespace.
+            const posix::UniqueFd lowerFolder = posix::openFile(folder + "/lower", O_PATH | O_DIRECTORY, 0, &error);
+            if (!lowerFolder.valid() || !attach(mount.copy.get(), lowerFolder.get())) {
+                builder.fail("cannot attach a copy of " + mountPoint);
+                return std::nullopt;
+            }
+            std::error_code overlayError;
+            const posix::UniqueFd overlayMount = makeOverlay(folder, mountAttributesOf(mount.entry), overlayError);
+            if (overlayMount.valid()) {
+                if (!attach(overlayMount.get(), target.get())) {
+                    builder.fail("cannot mount the overlay of " + mountPoint);
+                    return std::nullopt;
+                }
+                Layer layer{mountPoint, posix::openFile(folder + "/upper", O_RDONLY | O_DIRECTORY, 0, &error),
+                            posix::openFile(folder + "/lower", O_RDONLY | O_DIRECTORY, 0, &error)};
+                if (!layer.changes.valid() || !layer.original.valid()) {
+                    builder.fail("cannot open the layers of " + mountPoint, error);
+                    return std::nullopt;
+                }
+                root.theLayers.push_back(std::move(layer));
+                overlaid = true;
+            } else if (overlayError == std::errc::no_such_device) {
+                builder.fail(FailureKind::NoOverlay, "this kernel has no overlay file system", overlayError);
+                return std::nullopt;
+            } else {
+                readOnlyReason = "the overlay was refused: " + overlayError.message();
+                // The copy now hangs below the working folder: copied again.
+                mount.copy.reset(
+                    ::open_tree(AT_FDCWD, (folder + "/lower").c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC));
+                if (!mount.copy.valid()) {
+                    builder.fail("cannot copy the mount at " + mountPoint);
+                    return std::nullopt;
+                }
+            }
+        }
+        if (!overlaid && (!makeReadOnly(mount.copy.get()) || !attach(mount.copy.get(), target.get()))) {
+            builder.fail("cannot mount " + mountPoint + " read-only");
+            return std::nullopt;
+        }
+        if (!readOnlyReason.empty() &&
+            std::none_of(root.theReadOnlyMounts.begin(), root.theReadOnlyMounts.end(),
+                         [&](const ReadOnlyMount& listed) { return liesInside(mountPoint, listed.mountPoint); })) {
+            root.theReadOnlyMounts.push_back({mountPoint, mount.entry.fileSystemType, readOnlyReason});
+        }
+        if (isRoot) {
+            // Opened again, so that paths below it go through what is now
+            // mounted on it.
+            newRoot = posix::openFile(newRootPath, O_PATH | O_DIRECTORY, 0, &error);
+            if (!newRoot.valid()) {
+                builder.fail("cannot open the new root", error);
+                return std::nullopt;
+            }
+        }
+    }
+    if (!newRoot.valid()) {
+        builder.fail("no root mount to mirror", std::make_error_code(std::errc::no_such_file_or_directory));
+        return std::nullopt;
+    }
+
+    // The new root becomes "/", and the old one, with the working folder,
+    // goes; the layers stay reachable through the descriptors kept.
+    if (::fchdir(newRoot.get()) != 0 || ::syscall(SYS_pivot_root, ".", ".") != 0 || ::umount2(".", MNT_DETACH) != 0 ||
+        ::chdir("/") != 0) {
+        builder.fail("cannot change to the new root");
+        return std::nullopt;
+    }
+    return root;
+}
+
+bool OverlayRoot::bindFileReadOnly(const std::string& source, const std::string& target, std::error_code* error)
+{
+    std::error_code failure;
+    const posix::UniqueFd targetFd = posix::openFile(target, O_PATH, 0, &failure);
+    struct stat status {};
+    if (targetFd.valid()) {
+        failure = posix::statDescriptor(targetFd.get(), status);
+        if (!failure && !S_ISREG(status.st_mode)) {
+            failure = std::make_error_code(std::errc::invalid_argument);
+        }
+    }
+    if (!failure) {
+        const posix::UniqueFd copy(::open_tree(AT_FDCWD, source.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC));
+        if (!copy.valid() || !makeReadOnly(copy.get()) || !attach(copy.get(), targetFd.get())) {
+            failure = posix::lastError();
+        }
+    }
+    if (error != nullptr) {
+        *error = failure;
+    }
+    return !failure;
+}
+
+}  // namespace platform

@@ -1,0 +1,95 @@
+// A copy-on-write view of every file system this process sees, so that a
+// program can be run for real without changing a file.
+//
+// enter() moves the calling process into a private mount namespace whose
+// root mirrors the old one mount for mount: every writable file system is an
+// overlay whose writable layer is a fresh tmpfs, every other mount is
+// read-only. Mount boundaries stay where they were (a bind mount of the same
+// disk is still a mount of its own), and inode numbers stay those of the
+// original files while they are changed (xino), so a program that compares
+// folders by device and inode or stops at mounts behaves as it would outside.
+// Nothing outside the namespace ever sees a change; the writable layers are
+// named by layers() for reading afterwards (OverlayChanges).
+//
+//   OverlayRoot::Failure failure;
+//   std::optional<OverlayRoot> root = OverlayRoot::enter("/tmp", &failure);
+//   if (!root) { report(failure.message()); }
+//   root->bindFileReadOnly(standIn, "/usr/sbin/pkgutil", &error);
+//   ...run the program, then read root->layers()...
+//
+// Needs root (CAP_SYS_ADMIN), mount namespaces and the overlay file system.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "platform/PosixIO.h"
+
+namespace platform {
+
+class OverlayRoot {
+public:
+    // One overlaid file system.
+    struct Layer {
+        // Where it is mounted, as programs inside see it.
+        std::string mountPoint;
+        // The top folder of its writable layer: what was changed.
+        posix::UniqueFd changes;
+        // Its root as it was before: that mount alone, without what is
+        // mounted inside it.
+        posix::UniqueFd original;
+    };
+
+    // A writable mount that is read-only inside because it could not be
+    // overlaid: what a program does there is not what it would do outside.
+    struct ReadOnlyMount {
+        std::string mountPoint;
+        std::string fileSystemType;
+        // Why: "a kernel interface" or the overlay's refusal.
+        std::string reason;
+    };
+
+    enum class FailureKind {
+        // No private mount namespace (no support, or not privileged).
+        NoMountNamespace,
+        // This kernel has no overlay file system.
+        NoOverlay,
+        // Anything else on the way; the process may already be inside a
+        // namespace of its own, with the old root in place.
+        SetUp,
+    };
+    struct Failure {
+        FailureKind kind = FailureKind::SetUp;
+        // What could not be done, naming the path.
+        std::string step;
+        std::error_code code;
+        // "step: reason".
+        std::string message() const;
+    };
+
+    // Moves this process into the copy-on-write view. `workFolder` (an
+    // existing folder, "/tmp") is covered by a tmpfs holding the writable
+    // layers; it is left behind with the old root, so nothing inside can
+    // reach it. None, with `failure` filled in, when it cannot be done.
+    static std::optional<OverlayRoot> enter(const std::string& workFolder, Failure* failure);
+
+    // Binds the file at `source` read-only over the existing regular file at
+    // `target` (a final link followed), so that what runs `target` runs
+    // `source`. False, with the reason in `error`, when `target` is no
+    // regular file or the bind fails.
+    bool bindFileReadOnly(const std::string& source, const std::string& target, std::error_code* error = nullptr);
+
+    const std::vector<Layer>& layers() const noexcept { return theLayers; }
+    // Writable mounts left read-only, in mount order, leaving out those that
+    // lie inside another one listed.
+    const std::vector<ReadOnlyMount>& readOnlyMounts() const noexcept { return theReadOnlyMounts; }
+
+private:
+    OverlayRoot() = default;
+    std::vector<Layer> theLayers;
+    std::vector<ReadOnlyMount> theReadOnlyMounts;
+};
+
+}  // namespace platform

@@ -1,0 +1,197 @@
+#include "preview/PreviewReport.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <tuple>
+
+namespace {
+
+using platform::OverlayChange;
+
+bool isControl(unsigned char c)
+{
+    return c < 0x20 || c == 0x7F;
+}
+
+std::string hexEscape(unsigned char c)
+{
+    char buffer[8];
+    std::snprintf(buffer, sizeof buffer, "\\x%02X", c);
+    return buffer;
+}
+
+// \r, \n, \t, \xHH for a control character, \\ for a backslash and, when
+// `quote` is given, that quote escaped too.
+std::string escaped(std::string_view text, char quote)
+{
+    std::string out;
+    for (const char character : text) {
+        const auto c = static_cast<unsigned char>(character);
+        if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (isControl(c)) {
+            out += hexEscape(c);
+        } else if (c == '\\' || (quote != 0 && c == static_cast<unsigned char>(quote))) {
+            out.push_back('\\');
+            out.push_back(character);
+        } else {
+            out.push_back(character);
+        }
+    }
+    return out;
+}
+
+std::string itemsInside(uint64_t count)
+{
+    if (count == 0) {
+        return "empty folder";
+    }
+    return "folder, " + std::to_string(count) + (count == 1 ? " item inside" : " items inside");
+}
+
+// "PATH", "PATH (folder, 3 items inside)", "PATH (link)"...
+std::string describe(const OverlayChange& change)
+{
+    std::string text = PreviewReport::escapedPath(change.path);
+    switch (change.type) {
+    case OverlayChange::Type::File: break;
+    case OverlayChange::Type::Folder:
+        if (change.kind != OverlayChange::Kind::Changed) {
+            text += " (" + itemsInside(change.itemsInside) + ")";
+        } else {
+            text += " (folder)";
+        }
+        break;
+    case OverlayChange::Type::Link: text += " (link)"; break;
+    case OverlayChange::Type::Other: text += " (special file)"; break;
+    }
+    return text;
+}
+
+void appendSection(std::string& out, const std::string& heading, const std::vector<std::string>& items)
+{
+    out += "\n" + heading + "\n";
+    if (items.empty()) {
+        out += "  nothing\n";
+    }
+    for (const std::string& item : items) {
+        out += "  " + item + "\n";
+    }
+}
+
+std::string commandLine(const std::vector<std::string>& fields, std::size_t first)
+{
+    std::string line;
+    for (std::size_t i = first; i < fields.size(); ++i) {
+        if (i > first) {
+            line.push_back(' ');
+        }
+        line += PreviewReport::shellQuoted(fields[i]);
+    }
+    return line;
+}
+
+std::string describeCall(const platform::InheritedJournal::Record& call)
+{
+    if (call.size() >= 2 && call[0] == "run") {
+        return commandLine(call, 1);
+    }
+    if (call.size() >= 3 && call[0] == "call") {
+        return "call " + PreviewReport::escapedPath(call[2]) + " in the install-manager library " +
+               PreviewReport::escapedPath(call[1]);
+    }
+    // A record no stand-in writes: shown as it is, so nothing is hidden.
+    return "unreadable record: " + commandLine(call, 0);
+}
+
+}  // namespace
+
+std::string PreviewReport::escapedPath(std::string_view path)
+{
+    return escaped(path, 0);
+}
+
+std::string PreviewReport::shellQuoted(std::string_view argument)
+{
+    if (argument.empty()) {
+        return "''";
+    }
+    const bool plain = std::all_of(argument.begin(), argument.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               std::string_view("@%+=:,./-_").find(c) != std::string_view::npos;
+    });
+    if (plain) {
+        return std::string(argument);
+    }
+    if (std::any_of(argument.begin(), argument.end(), [](char c) { return isControl(static_cast<unsigned char>(c)); })) {
+        return "$'" + escaped(argument, '\'') + "'";
+    }
+    std::string out = "'";
+    for (const char c : argument) {
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return out + "'";
+}
+
+std::string PreviewReport::text() const
+{
+    std::string out = "Preview of RemoverTool";
+    if (!removerArguments.empty()) {
+        out += " " + commandLine(removerArguments, 0);
+    }
+    out += " (nothing was changed)\n";
+
+    out += "\nRemoverTool would print:\n";
+    std::size_t start = 0;
+    while (start < removerOutput.size()) {
+        std::size_t end = removerOutput.find('\n', start);
+        if (end == std::string::npos) {
+            end = removerOutput.size();
+        }
+        out += "  " + removerOutput.substr(start, end - start) + "\n";
+        start = end + 1;
+    }
+    if (removerOutput.empty()) {
+        out += "  nothing\n";
+    }
+    if (removerSignalled) {
+        out += "RemoverTool would end abnormally (signal " + std::to_string(removerStatus - 128) + ").\n";
+    } else if (removerStatus != 0) {
+        out += "RemoverTool would exit with status " + std::to_string(removerStatus) + ".\n";
+    }
+
+    std::vector<OverlayChange> sorted = changes;
+    std::sort(sorted.begin(), sorted.end(), [](const OverlayChange& a, const OverlayChange& b) {
+        return std::tie(a.path, a.kind) < std::tie(b.path, b.kind);
+    });
+    std::vector<std::string> removed;
+    std::vector<std::string> createdOrChanged;
+    for (const OverlayChange& change : sorted) {
+        if (change.kind == OverlayChange::Kind::Removed) {
+            removed.push_back(describe(change));
+        } else {
+            createdOrChanged.push_back((change.kind == OverlayChange::Kind::Created ? "created " : "changed ") +
+                                       describe(change));
+        }
+    }
+    appendSection(out, "Would remove:", removed);
+    appendSection(out, "Would create or change:", createdOrChanged);
+
+    std::vector<std::string> commands;
+    for (const platform::InheritedJournal::Record& call : calls) {
+        commands.push_back(describeCall(call));
+    }
+    appendSection(out, "Would run, in this order:", commands);
+
+    std::vector<std::string> unseen;
+    for (const platform::OverlayRoot::ReadOnlyMount& mount : readOnlyMounts) {
+        unseen.push_back(escapedPath(mount.mountPoint) + " (" + mount.fileSystemType + ", " + mount.reason + ")");
+    }
+    appendSection(out, "Not previewed (read-only during the preview, so what the remover would do there may differ):",
+                  unseen);
+    return out;
+}

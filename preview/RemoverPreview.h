@@ -1,0 +1,41 @@
+// RemoverPreview: shows exactly what the remover would do, by running the
+// remover of its own bundle, unchanged and for real, in a copy-on-write view
+// of every file system (platform/OverlayRoot.h), with recording stand-ins in
+// place of the package tool, the launch-agent tool and the install-manager
+// library. Nothing outside the view changes; no real tool runs.
+//
+//   RemoverPreview x "/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app"
+//
+// prints (PreviewReport) what the remover would print, what it would remove,
+// create or change, what it would run, and where the view could not be made.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+class RemoverPreview {
+public:
+    RemoverPreview() = delete;
+
+    // Exit statuses.
+    static constexpr int kPreviewRan = 0;
+    // No mount namespaces or no overlay file system here (EX_UNAVAILABLE).
+    static constexpr int kCannotPreviewHere = 69;
+    // Anything else that stopped the preview before the remover ran (EX_OSERR).
+    static constexpr int kFailed = 71;
+    // Not run as root (EX_NOPERM).
+    static constexpr int kNotRoot = 77;
+
+    // The stand-ins, inside the bundle: one program for both tools (it
+    // records the path it was started as and its arguments) and one library.
+    static constexpr const char* kStandInFolder = "Contents/Resources/Preview";
+    static constexpr const char* kRecordingTool = "RecordingTool";
+    static constexpr const char* kRecordingLibrary = "RecordingInstallManager.so";
+
+    // Previews the remover run with these arguments (after its program
+    // name): the report on `output`, a reason it cannot be made on `console`.
+    // The calling process must be single-threaded: it moves into a mount
+    // namespace of its own and stays there.
+    static int run(const std::vector<std::string>& removerArguments, std::FILE* output, std::FILE* console);
+};
