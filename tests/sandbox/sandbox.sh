@@ -51,6 +51,10 @@
 #         --setenv NAME VALUE   sets a variable on top of the defaults
 #         --user UID:GID        runs PROGRAM as that user (through setpriv)
 #         --chdir DIR           the working folder inside (default /)
+#         --no-caps             drops every capability: root inside cannot
+#                               mount or make namespaces
+#         --seccomp FILE        loads the compiled seccomp filter in FILE
+#                               (a cBPF program) before PROGRAM starts
 #       The environment inside is cleared, then PATH=/usr/bin:/bin,
 #       HOME=/root, USER=LOGNAME=root and LANG=C.UTF-8 are set; the
 #       sanitizers' ASAN_OPTIONS, UBSAN_OPTIONS and LSAN_OPTIONS pass through.
@@ -150,8 +154,8 @@ init() {
 }
 
 run() {
-    local bundle=${REMOVER_BUNDLE-} user='' directory=/
-    local -a after=() environment=()
+    local bundle=${REMOVER_BUNDLE-} user='' directory=/ filter=''
+    local -a after=() environment=() restrictions=()
     while (($#)); do
         case $1 in
         --bundle)
@@ -182,6 +186,16 @@ run() {
         --chdir)
             (($# >= 2)) || die "--chdir needs a folder"
             directory=$2
+            shift 2
+            ;;
+        --no-caps)
+            restrictions+=(--cap-drop ALL)
+            shift
+            ;;
+        --seccomp)
+            (($# >= 2)) || die "--seccomp needs a file"
+            [[ -f $2 ]] || die "no seccomp filter at $2"
+            filter=$2
             shift 2
             ;;
         --) shift; break ;;
@@ -226,7 +240,12 @@ run() {
     for name in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do
         [[ -z ${!name+set} ]] || command+=(--setenv "$name" "${!name}")
     done
-    command+=("${environment[@]}" --)
+    if [[ -n $filter ]]; then
+        local filter_fd
+        exec {filter_fd}<"$filter"
+        restrictions+=(--seccomp "$filter_fd")
+    fi
+    command+=("${environment[@]}" "${restrictions[@]}" --)
     if [[ -n $user ]]; then
         [[ $user =~ ^[0-9]+:[0-9]+$ ]] || die "--user needs UID:GID, not $user"
         command+=(/usr/bin/setpriv --reuid="${user%%:*}" --regid="${user##*:}" --clear-groups --)

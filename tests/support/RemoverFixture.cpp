@@ -63,4 +63,62 @@ std::string describe(const testsupport::RunResult& result)
            "--- stderr:\n" + result.standardError;
 }
 
+namespace {
+
+const std::string kHelperExecutable = std::string(kDefaultApp) +
+                                      "/Contents/MacOS/Updater/Corvane Lumidoc Pro Updater Helper.app/Contents/MacOS/"
+                                      "Corvane Lumidoc Pro Updater Helper";
+
+}  // namespace
+
+const std::vector<std::string> kSuiteReceipts = {
+    "com.corvane.lumidoc.10.viewer.app.pkg",
+    "com.corvane.lumidoc.10.viewer.preinstall.pkg",
+    "com.corvane.lumidoc.10.viewer.appsupport.pkg",
+    "com.corvane.lumidoc.10.viewer.browser.pkg",
+    "com.corvane.lumidoc.10.viewer.print_automator.pkg",
+    "com.corvane.lumidoc.10.viewer.print_pdf_services.pkg",
+    "com.corvane.lumidoc.10.viewer.preferences.pkg",
+    "com.corvane.lumidoc.a10.LumidocUpd1001",
+    "com.corvane.lumidoc.a10.LumidocSecUpd1002",
+    "com.corvane.lumidoc.a10.LumidocSecUpd1003",
+};
+
+void layDownCompleteInstallation(Sandbox& sandbox)
+{
+    installApp(sandbox, kDefaultApp);
+    sandbox.writeFile(kHelperExecutable, "#!/bin/sh\n", 0755);
+    sandbox.writeFile(std::string(kDefaultFolder) + "/Icon\r", "icon");
+    installApp(sandbox, kCompanionApp, "com.corvane.ravelin");
+
+    sandbox.writeFile("/Library/Fonts/LumidocSans.otf", "font");
+    sandbox.writeFile("/Library/Fonts/Unrelated.otf", "someone else's font");
+    sandbox.writeFile("/Library/Application Support/Corvane/Lumidoc/Shared/dictionary.dat", "words");
+    sandbox.writeFile(std::string(kPlugin) + "/Contents/Info.plist", "plugin");
+    writePluginPreferences(sandbox,
+                           "file://localhost/Applications/Corvane%20Lumidoc%20X%20Pro/Corvane%20Lumidoc%20Pro.app/");
+    sandbox.writeFile(kProductLog, "/Library/Fonts/LumidocSans.otf\tfile\n"
+                                   "/Library/Application Support/Corvane/Lumidoc/Shared\tdirectory\n" +
+                                       std::string(kPlugin) + "\tbundle\n" + kPluginPreferences + "\tfile\n");
+
+    sandbox.writeFile("/Library/Application Support/Corvane/Ravelin/settings.dat", "settings");
+    sandbox.writeFile(kCompanionLog, std::string(kCompanionApp) + "\n/Library/Application Support/Corvane/Ravelin\n");
+
+    const std::string agent = agentPlistPath(kDefaultApp);
+    writeAgent(sandbox, agent, "com.corvane.QEL." + testsupport::opensslDigestOf("sha224", kDefaultApp),
+               {kHelperExecutable});
+    sandbox.addLoadedAgent(agent);
+
+    sandbox.writeFile(kJexRef, "reference");
+    sandbox.installLibraryDouble();
+
+    for (const std::string& receipt : kSuiteReceipts) {
+        sandbox.addReceipt(receipt);
+    }
+    sandbox.addReceipt("com.corvane.reader.9.app.pkg");
+
+    installVersionedBundle(sandbox, kAutomatorAction, "10.0.1");
+    installVersionedBundle(sandbox, kPdfServicesApp, "10.2");
+}
+
 }  // namespace testsupport

@@ -53,6 +53,19 @@ void writePluginPreferences(const testsupport::Sandbox& sandbox, const std::stri
 void writeAgent(const testsupport::Sandbox& sandbox, const std::string& path, const std::string& label,
                 const std::vector<std::string>& programArguments);
 
+// The companion application inside the default folder.
+inline constexpr char kCompanionApp[] = "/Applications/Corvane Lumidoc X Pro/Corvane Ravelin.app";
+// The suite's package receipts, in the order the remover forgets them.
+extern const std::vector<std::string> kSuiteReceipts;
+
+// A complete installation of the suite: the application with its updater
+// helper and folder icon, the companion application, both install logs
+// naming files in standard folders (next to an unrelated font that stays),
+// the browser plug-in with preferences naming this application, the loaded
+// updater agent, the application-manager reference and the library double,
+// the ten receipts and an unrelated one, and both print components.
+void layDownCompleteInstallation(Sandbox& sandbox);
+
 // The lines of a run over a fixture that holds the application at appPath
 // and nothing else of the suite, from the agent step on, with the bundle's
 // own list naming the application relative to its folder.

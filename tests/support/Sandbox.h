@@ -65,6 +65,11 @@ struct RunOptions {
     std::optional<User> user;
     // What the program reads on its standard input; /dev/null without it.
     std::optional<std::string> input;
+    // Every capability dropped: root inside can neither mount nor make
+    // namespaces.
+    bool withoutCapabilities = false;
+    // A compiled seccomp filter (see Seccomp.h) loaded before the program.
+    std::optional<std::string> seccompFilter;
 };
 
 class Sandbox {
@@ -72,6 +77,7 @@ public:
     static constexpr const char* kBundlePath = "/opt/RemoverTool.app";
     static constexpr const char* kRemoverPath = "/opt/RemoverTool.app/Contents/MacOS/RemoverTool";
     static constexpr const char* kQelutilPath = "/opt/RemoverTool.app/Contents/MacOS/qelutil";
+    static constexpr const char* kPreviewPath = "/opt/RemoverTool.app/Contents/MacOS/RemoverPreview";
     static constexpr const char* kHomePath = "/root";
     static constexpr const char* kStatePath = "/var/db/doubles";
 
