@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# run.sh: runs the remover on a sample Corvane Lumidoc 10 installation inside
-# the sandbox and shows what it changed.
+# run.sh: previews the remover on a sample Corvane Lumidoc 10 installation
+# inside the sandbox, then runs it for real and shows what it changed.
 #
 # It builds nothing: it expects a build (scripts/build.sh) with the bundle at
 # build/RemoverTool.app, or the bundle named by REMOVER_BUNDLE. The
@@ -69,6 +69,20 @@ show_state() {
 
 show_state Before
 : >"$state/journal"
+
+# The preview first: the same command line, nothing changed, no tool run.
+heading "RemoverPreview x \"$app\" (nothing changes)"
+status=0
+"$sandbox" run --bundle "$fixture/bundle/RemoverTool.app" "$fixture" \
+    /opt/RemoverTool.app/Contents/MacOS/RemoverPreview x "$app" || status=$?
+echo "(exit status $status)"
+"$sandbox" tree "$fixture" >"$fixture/tree-Previewed"
+if cmp -s "$fixture/tree-Before" "$fixture/tree-Previewed" && [[ ! -s $state/journal ]]; then
+    echo "(after the preview: every file in place, no tool double called)"
+else
+    echo "(after the preview: the fixture changed, which must never happen)" >&2
+    exit 1
+fi
 
 heading "RemoverTool x \"$app\""
 status=0
