@@ -30,8 +30,15 @@ InheritedJournal::Record decodeLine(std::string_view line)
             fields.emplace_back();
         } else if (c == '\\' && i + 1 < line.size()) {
             const char next = line[i + 1];
-            const char decoded = next == 't' ? '\t' : next == 'n' ? '\n' : next == 'r' ? '\r' : next == '\\' ? '\\' : 0;
-            if (decoded != 0) {
+            char decoded = '\0';
+            switch (next) {
+            case 't': decoded = '\t'; break;
+            case 'n': decoded = '\n'; break;
+            case 'r': decoded = '\r'; break;
+            case '\\': decoded = '\\'; break;
+            default: break;
+            }
+            if (decoded != '\0') {
                 fields.back().push_back(decoded);
                 ++i;
             } else {

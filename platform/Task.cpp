@@ -74,7 +74,10 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
         }
     }
     for (const auto& [name, value] : options.environment) {
-        variables.push_back(name + "=" + value);
+        std::string variable = name;
+        variable += '=';
+        variable += value;
+        variables.push_back(std::move(variable));
     }
     std::vector<char*> envp;
     envp.reserve(variables.size() + 1);

@@ -38,7 +38,8 @@ struct PreviewReport {
     std::vector<std::string> removerArguments;
     // What it printed on standard output.
     std::string removerOutput;
-    // How it ended: an exit status, or the signal that ended it.
+    // How it ended, as platform::Task tells it: the exit status, or, when a
+    // signal ended it, 128 + the signal.
     bool removerSignalled = false;
     int removerStatus = 0;
     // What it changed, in any order.

@@ -18,8 +18,8 @@ echo "== tests"
 run_suite build
 
 echo "== clang-tidy"
-mapfile -t sources < <(git ls-files 'platform/*.cpp' 'base/*.cpp' 'fsutil/*.cpp' 'remover/*.cpp' 'tools/*.cpp' 2>/dev/null \
-                       || find platform base fsutil remover tools -name '*.cpp')
+mapfile -t sources < <(git ls-files 'platform/*.cpp' 'base/*.cpp' 'fsutil/*.cpp' 'remover/*.cpp' 'preview/*.cpp' 'tools/*.cpp' \
+                       2>/dev/null || find platform base fsutil remover preview tools -name '*.cpp')
 tidy_status=0
 clang-tidy -p build --quiet "${sources[@]}" >build/clang-tidy.log 2>&1 || tidy_status=$?
 # clang-tidy counts the warnings it suppressed on standard error; the findings

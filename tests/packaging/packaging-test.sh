@@ -2,8 +2,9 @@
 # Checks of the installed tree, the Debian package and the manual pages.
 #
 #   packaging-test.sh manual-pages MAN_DIR QELUTIL
-#       every page formats without a warning, and qelutil(1) has an entry for
-#       every command qelutil's help lists
+#       there is a page for each program, every page formats without a
+#       warning, and qelutil(1) has an entry for every command qelutil's help
+#       lists
 #   packaging-test.sh install BUILD_DIR
 #       `cmake --install` with DESTDIR and a prefix: the bundle under
 #       lib/remover, relative links in bin/, the programs run through them
@@ -11,7 +12,8 @@
 #       cpack makes exactly one .deb in PACKAGE_DIR (emptied first)
 #   packaging-test.sh package-contents PACKAGE_DIR
 #       its control data, documents and manual pages; unpacked with dpkg -x,
-#       the programs run through the links in usr/bin
+#       the programs run through the links in usr/bin, and RemoverPreview
+#       refuses to run as anyone but root
 #   packaging-test.sh lintian PACKAGE_DIR
 #       lintian reports no error on it
 #
@@ -40,11 +42,21 @@ as_nobody() {
 check_installed_tree() {
     local root=$1 prefix=$2
     local bundle=$root$prefix/lib/remover/RemoverTool.app
-    for file in Contents/Info.plist Contents/MacOS/RemoverTool Contents/MacOS/qelutil \
-        Contents/Resources/FileList.txt Contents/Resources/English.lproj/Localizable.strings; do
+    for file in Contents/Info.plist Contents/MacOS/RemoverTool Contents/MacOS/qelutil Contents/MacOS/RemoverPreview \
+        Contents/Resources/FileList.txt Contents/Resources/English.lproj/Localizable.strings \
+        Contents/Resources/Preview/RecordingTool Contents/Resources/Preview/RecordingInstallManager.so; do
         [[ -f $bundle/$file ]] || fail "missing from the installed bundle: $file"
     done
-    for program in RemoverTool qelutil; do
+    for file in Contents/MacOS/RemoverTool Contents/MacOS/qelutil Contents/MacOS/RemoverPreview \
+        Contents/Resources/Preview/RecordingTool; do
+        [[ -x $bundle/$file ]] || fail "not executable in the installed bundle: $file"
+    done
+    # A shared object is loaded, not run: Debian wants it without the
+    # executable bits.
+    local library_mode
+    library_mode=$(stat -c %a "$bundle/Contents/Resources/Preview/RecordingInstallManager.so")
+    [[ $library_mode == 644 ]] || fail "RecordingInstallManager.so has mode $library_mode, not 644"
+    for program in RemoverTool qelutil RemoverPreview; do
         local link=$root$prefix/bin/$program
         [[ -L $link ]] || fail "$link is not a link"
         local target
@@ -68,8 +80,10 @@ check_installed_tree() {
 
 manual_pages() {
     local man_dir=$1 qelutil=$2
+    for page in RemoverTool.8 RemoverPreview.8 qelutil.1; do
+        [[ -f $man_dir/$page ]] || fail "no $page in $man_dir"
+    done
     local pages=("$man_dir"/*.[0-9])
-    ((${#pages[@]} >= 2)) || fail "no manual pages in $man_dir"
     for page in "${pages[@]}"; do
         local warnings
         warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
@@ -93,7 +107,7 @@ install_tree() {
     make_scratch
     DESTDIR=$scratch/root cmake --install "$build_dir" --prefix /opt/remover >/dev/null
     check_installed_tree "$scratch/root" /opt/remover
-    for page in man8/RemoverTool.8.gz man1/qelutil.1.gz; do
+    for page in man8/RemoverTool.8.gz man8/RemoverPreview.8.gz man1/qelutil.1.gz; do
         gzip -t "$scratch/root/opt/remover/share/man/$page" || fail "$page is not a gzip file"
     done
 }
@@ -131,7 +145,7 @@ package_contents() {
     head -1 "$doc/copyright" | grep -qx 'Format: https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/' ||
         fail "the copyright file is not in the machine-readable format"
     gzip -t "$doc/changelog.gz" || fail "changelog.gz"
-    for page in man8/RemoverTool.8.gz man1/qelutil.1.gz; do
+    for page in man8/RemoverTool.8.gz man8/RemoverPreview.8.gz man1/qelutil.1.gz; do
         local file=$scratch/root/usr/share/man/$page
         gzip -t "$file" || fail "$page is not a gzip file"
         local warnings
@@ -139,6 +153,13 @@ package_contents() {
         [[ -z $warnings ]] || fail "$page: $warnings"
     done
     check_installed_tree "$scratch/root" /usr
+
+    # Run as nobody it must stop before making any mount, and say why.
+    local status=0 error
+    error=$(as_nobody "$scratch/root/usr/bin/RemoverPreview" x /Applications/A.app 2>&1 >/dev/null) || status=$?
+    ((status == 77)) || fail "RemoverPreview run as nobody exited with status $status, not 77: $error"
+    [[ $error == *"must run as root"* ]] || fail "RemoverPreview run as nobody said \"$error\" on standard error"
+    echo "RemoverPreview as nobody: exit status 77, \"$error\""
 }
 
 run_lintian() {
