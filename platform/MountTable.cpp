@@ -104,7 +104,7 @@ std::vector<MountEntry> MountTable::parse(std::string_view text)
             !readNumber(nextField(line, position), entry.parentId)) {
             continue;
         }
-        nextField(line, position);  // major:minor
+        entry.device = std::string(nextField(line, position));
         const std::string_view root = nextField(line, position);
         const std::string_view mountPoint = nextField(line, position);
         const std::string_view mountOptions = nextField(line, position);

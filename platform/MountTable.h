@@ -18,6 +18,9 @@ namespace platform {
 struct MountEntry {
     uint64_t mountId = 0;
     uint64_t parentId = 0;
+    // The file system's device, "major:minor": mounts that share it show
+    // the same files.
+    std::string device;
     // The folder of its file system that is mounted ("/" for the whole).
     std::string root;
     // Where it is mounted, with the kernel's octal escapes ("\040") decoded.

@@ -22,10 +22,12 @@ namespace {
 // File systems that are the kernel's interfaces rather than files: they are
 // never overlaid (an overlay refuses most of them, and their entries are not
 // files to remove), only made read-only.
-constexpr std::array<std::string_view, 21> kKernelInterfaceTypes = {
-    "proc",      "sysfs",     "cgroup",  "cgroup2", "devpts",   "mqueue",      "debugfs",
-    "tracefs",   "securityfs", "pstore", "bpf",     "configfs", "fusectl",     "efivarfs",
-    "binfmt_misc", "hugetlbfs", "autofs", "nsfs",   "selinuxfs", "rpc_pipefs", "nfsd",
+// devtmpfs is among them: its device nodes must keep opening (an overlay is
+// nodev), and they are devices, not files.
+constexpr std::array<std::string_view, 22> kKernelInterfaceTypes = {
+    "proc",       "sysfs",     "cgroup",   "cgroup2", "devpts",   "mqueue",    "debugfs",    "tracefs",
+    "securityfs", "pstore",    "bpf",      "configfs", "fusectl", "efivarfs",  "binfmt_misc", "hugetlbfs",
+    "autofs",     "nsfs",      "selinuxfs", "rpc_pipefs", "nfsd", "devtmpfs",
 };
 
 bool isKernelInterface(const MountEntry& mount)
@@ -68,10 +70,11 @@ posix::UniqueFd openBeneath(int rootFd, const std::string& relative, int flags)
     return posix::UniqueFd(static_cast<int>(fd));
 }
 
-// The attributes an overlay takes over from the mount it stands for.
+// The attributes an overlay takes over from the mount it stands for; nodev
+// always, so that no device node reached through it opens the real device.
 uint64_t mountAttributesOf(const MountEntry& mount)
 {
-    uint64_t attributes = 0;
+    uint64_t attributes = MOUNT_ATTR_NODEV;
     const std::array<std::pair<std::string_view, uint64_t>, 6> options = {{
         {"nosuid", MOUNT_ATTR_NOSUID},
         {"nodev", MOUNT_ATTR_NODEV},
@@ -116,7 +119,15 @@ struct PlannedMount {
     MountEntry entry;
     posix::UniqueFd copy;
     bool isDirectory = false;
+    bool isDevice = false;
 };
+
+// Whether a mount's root lies inside another's (or is it): then both show
+// some of the same files.
+bool rootsOverlap(const std::string& a, const std::string& b)
+{
+    return liesInside(a, b) || liesInside(b, a);
+}
 
 bool makeReadOnly(int mountFd)
 {
@@ -225,12 +236,18 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
             builder.fail("cannot examine " + mount.mountPoint, statFailure);
             return std::nullopt;
         }
-        planned.push_back({std::move(mount), std::move(copy), S_ISDIR(status.st_mode)});
+        planned.push_back({std::move(mount), std::move(copy), S_ISDIR(status.st_mode),
+                           S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode)});
     }
 
     struct stat workStatus {};
-    if (::lstat(workFolder.c_str(), &workStatus) != 0 || !S_ISDIR(workStatus.st_mode)) {
-        builder.fail("no folder " + workFolder + " for the working space", std::make_error_code(std::errc::not_a_directory));
+    if (::lstat(workFolder.c_str(), &workStatus) != 0) {
+        builder.fail("no folder " + workFolder + " for the working space");
+        return std::nullopt;
+    }
+    if (!S_ISDIR(workStatus.st_mode)) {
+        builder.fail("no folder " + workFolder + " for the working space",
+                     std::make_error_code(std::errc::not_a_directory));
         return std::nullopt;
     }
     if (::mount("tmpfs", workFolder.c_str(), "tmpfs", MS_NOSUID, "mode=0700") != 0) {
@@ -245,6 +262,7 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
 
     OverlayRoot root;
     posix::UniqueFd newRoot;
+    std::vector<const MountEntry*> overlaidMounts;
     for (std::size_t index = 0; index < planned.size(); ++index) {
         PlannedMount& mount = planned[index];
         const std::string& mountPoint = mount.entry.mountPoint;
@@ -259,9 +277,17 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
         // Why a writable mount is left read-only; empty when it is not.
         std::string readOnlyReason;
         bool overlaid = false;
-        const bool writableFolder = mount.isDirectory && !mount.entry.isReadOnly();
-        if (writableFolder && isKernelInterface(mount.entry)) {
+        const bool writable = !mount.entry.isReadOnly();
+        const bool writableFolder = mount.isDirectory && writable;
+        const auto sameDisk = std::find_if(overlaidMounts.begin(), overlaidMounts.end(), [&](const MountEntry* other) {
+            return other->device == mount.entry.device && rootsOverlap(other->root, mount.entry.root);
+        });
+        if (writable && !mount.isDirectory && !mount.isDevice) {
+            readOnlyReason = "a file mount";
+        } else if (writableFolder && isKernelInterface(mount.entry)) {
             readOnlyReason = "a kernel interface";
+        } else if (writableFolder && sameDisk != overlaidMounts.end()) {
+            readOnlyReason = "another view of a disk overlaid at " + (*sameDisk)->mountPoint;
         } else if (writableFolder) {
             const std::string folder = workFolder + "/" + std::to_string(index);
             for (const std::string& part : {folder, folder + "/lower", folder + "/upper", folder + "/work"}) {
@@ -270,10 +296,11 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
                     return std::nullopt;
                 }
             }
-            // The copy is attached below the working folder: an overlay
-            // takes its layers from mounts of its own namespace.
+            // The copy is attached below the working folder, read-only: an
+            // overlay takes its layers from mounts of its own namespace, and
+            // never writes to its lower one.
             const posix::UniqueFd lowerFolder = posix::openFile(folder + "/lower", O_PATH | O_DIRECTORY, 0, &error);
-            if (!lowerFolder.valid() || !attach(mount.copy.get(), lowerFolder.get())) {
+            if (!lowerFolder.valid() || !makeReadOnly(mount.copy.get()) || !attach(mount.copy.get(), lowerFolder.get())) {
                 builder.fail("cannot attach a copy of " + mountPoint);
                 return std::nullopt;
             }
@@ -291,6 +318,7 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
                     return std::nullopt;
                 }
                 root.theLayers.push_back(std::move(layer));
+                overlaidMounts.push_back(&mount.entry);
                 overlaid = true;
             } else if (overlayError == std::errc::no_such_device) {
                 builder.fail(FailureKind::NoOverlay, "this kernel has no overlay file system", overlayError);
@@ -332,12 +360,38 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
 
     // The new root becomes "/", and the old one, with the working folder,
     // goes; the layers stay reachable through the descriptors kept.
-    if (::fchdir(newRoot.get()) != 0 || ::syscall(SYS_pivot_root, ".", ".") != 0 || ::umount2(".", MNT_DETACH) != 0 ||
-        ::chdir("/") != 0) {
-        builder.fail("cannot change to the new root");
+    if (::fchdir(newRoot.get()) != 0) {
+        builder.fail("cannot enter the new root");
+        return std::nullopt;
+    }
+    if (::syscall(SYS_pivot_root, ".", ".") != 0) {
+        builder.fail("cannot make the new root the root (pivot_root)");
+        return std::nullopt;
+    }
+    if (::umount2(".", MNT_DETACH) != 0 || ::chdir("/") != 0) {
+        builder.fail("cannot detach the old root");
         return std::nullopt;
     }
     return root;
+}
+
+bool OverlayRoot::separateProcesses(std::error_code* error)
+{
+    const bool done = ::unshare(CLONE_NEWPID) == 0;
+    if (error != nullptr) {
+        *error = done ? std::error_code() : posix::lastError();
+    }
+    return done;
+}
+
+bool OverlayRoot::mountProcessTable(std::error_code* error)
+{
+    const bool done =
+        ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY, nullptr) == 0;
+    if (error != nullptr) {
+        *error = done ? std::error_code() : posix::lastError();
+    }
+    return done;
 }
 
 bool OverlayRoot::bindFileReadOnly(const std::string& source, const std::string& target, std::error_code* error)
@@ -355,6 +409,16 @@ bool OverlayRoot::bindFileReadOnly(const std::string& source, const std::string&
         const posix::UniqueFd copy(::open_tree(AT_FDCWD, source.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC));
         if (!copy.valid() || !makeReadOnly(copy.get()) || !attach(copy.get(), targetFd.get())) {
             failure = posix::lastError();
+        }
+    }
+    if (!failure) {
+        // What the target leads to now must be the source itself.
+        struct stat now {};
+        struct stat wanted {};
+        if (::stat(target.c_str(), &now) != 0 || ::stat(source.c_str(), &wanted) != 0) {
+            failure = posix::lastError();
+        } else if (now.st_dev != wanted.st_dev || now.st_ino != wanted.st_ino) {
+            failure = std::make_error_code(std::errc::device_or_resource_busy);
         }
     }
     if (error != nullptr) {

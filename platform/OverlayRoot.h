@@ -3,11 +3,14 @@
 //
 // enter() moves the calling process into a private mount namespace whose
 // root mirrors the old one mount for mount: every writable file system is an
-// overlay whose writable layer is a fresh tmpfs, every other mount is
-// read-only. Mount boundaries stay where they were (a bind mount of the same
-// disk is still a mount of its own), and inode numbers stay those of the
-// original files while they are changed (xino), so a program that compares
-// folders by device and inode or stops at mounts behaves as it would outside.
+// overlay whose writable layer is a fresh tmpfs (device nodes in it do not
+// open: nodev), every other mount is read-only. Mount boundaries stay where
+// they were, and a file or folder keeps its device and inode number while it
+// is changed (xino), so a program that compares folders by device and inode
+// or stops at mounts behaves as it would outside. A second mount of a disk
+// already overlaid (a bind mount of a folder of it) would be a second, separate
+// copy there: it is made read-only instead and listed, like the kernel's
+// interfaces and anything the overlay refuses.
 // Nothing outside the namespace ever sees a change; the writable layers are
 // named by layers() for reading afterwards (OverlayChanges).
 //
@@ -82,6 +85,15 @@ public:
     bool bindFileReadOnly(const std::string& source, const std::string& target, std::error_code* error = nullptr);
 
     const std::vector<Layer>& layers() const noexcept { return theLayers; }
+
+    // Makes the processes this process starts from now on the first ones of
+    // a new PID namespace: they see none of the processes outside, so no
+    // /proc/<pid>/root, cwd or fd leads them out of the view. The first one
+    // must then call mountProcessTable().
+    static bool separateProcesses(std::error_code* error = nullptr);
+    // Mounts, read-only over /proc, the process table of the PID namespace
+    // the caller is the first process of.
+    static bool mountProcessTable(std::error_code* error = nullptr);
     // Writable mounts left read-only, in mount order, leaving out those that
     // lie inside another one listed.
     const std::vector<ReadOnlyMount>& readOnlyMounts() const noexcept { return theReadOnlyMounts; }

@@ -3,9 +3,13 @@
 #include "platform/Path.h"
 #include "platform/PosixIO.h"
 
+#include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <unistd.h>
 #include <utility>
 
 namespace platform {
@@ -76,6 +80,40 @@ std::string ProcessInfo::processName()
 {
     const std::vector<std::string>& all = arguments();
     return all.empty() ? std::string() : lastPathComponent(all.front());
+}
+
+pid_t ProcessInfo::processIdentifier()
+{
+    return ::getpid();
+}
+
+std::optional<std::string> ProcessInfo::environmentValue(const char* name)
+{
+    const char* value = std::getenv(name);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    return std::string(value);
+}
+
+std::optional<std::string> ProcessInfo::currentDirectoryPath()
+{
+    std::string buffer(4096, '\0');
+    for (;;) {
+        if (::getcwd(buffer.data(), buffer.size()) != nullptr) {
+            buffer.resize(std::char_traits<char>::length(buffer.c_str()));
+            return buffer;
+        }
+        if (errno != ERANGE) {
+            return std::nullopt;
+        }
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+void ProcessInfo::closeInheritedDescriptors()
+{
+    ::close_range(3, ~0U, 0);
 }
 
 }  // namespace platform

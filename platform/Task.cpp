@@ -92,7 +92,7 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
         output = posix::anonymousFile("standard-output", &failure);
         if (!output.valid()) {
             Exception::raise(kInvalidArgumentException,
-                             "launch path not accessible: " + launchPath + " (" + failure.message() + ")");
+                             "no file for the standard output of " + launchPath + " (" + failure.message() + ")");
         }
     }
     posix_spawn_file_actions_t actions;
@@ -100,6 +100,9 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
     int status = 0;
     if (output.valid()) {
         status = posix_spawn_file_actions_adddup2(&actions, output.get(), STDOUT_FILENO);
+    }
+    if (status == 0 && !options.currentDirectoryPath.empty()) {
+        status = posix_spawn_file_actions_addchdir_np(&actions, options.currentDirectoryPath.c_str());
     }
     // A descriptor duplicated onto itself loses close-on-exec in the child
     // (glibc 2.29 and later).

@@ -21,6 +21,9 @@ struct TaskOptions {
     std::vector<int> inheritedDescriptors;
     // Variables set in the child's environment on top of this process's.
     std::vector<std::pair<std::string, std::string>> environment;
+    // The child's working folder (this process's otherwise); a folder that
+    // cannot be entered makes the launch fail.
+    std::string currentDirectoryPath;
 };
 
 class Task {

@@ -36,6 +36,14 @@ public:
     // Previews the remover run with these arguments (after its program
     // name): the report on `output`, a reason it cannot be made on `console`.
     // The calling process must be single-threaded: it moves into a mount
-    // namespace of its own and stays there.
+    // namespace of its own and stays there. It closes every descriptor it
+    // inherited first, so the remover reaches nothing through one.
     static int run(const std::vector<std::string>& removerArguments, std::FILE* output, std::FILE* console);
+
+    // Inside the view, the remover does not run as a child of the preview
+    // but of a first process of a PID namespace of its own: RemoverPreview
+    // started again, which mounts that namespace's /proc, runs the remover,
+    // records how it ended and ends. These tell and run that process.
+    static bool isFirstProcessOfAPreview();
+    static int runRemoverAsFirstProcess(const std::vector<std::string>& removerArguments);
 };

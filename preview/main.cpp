@@ -10,5 +10,8 @@ int main(int argc, char** argv)
 {
     platform::ProcessInfo::setArguments(argc, argv);
     const std::vector<std::string> removerArguments(argv + 1, argv + argc);
+    if (RemoverPreview::isFirstProcessOfAPreview()) {
+        return RemoverPreview::runRemoverAsFirstProcess(removerArguments);
+    }
     return RemoverPreview::run(removerArguments, stdout, stderr);
 }

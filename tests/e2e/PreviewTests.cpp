@@ -142,12 +142,13 @@ protected:
     // identical one, and checks that the preview named exactly what went, its
     // output and its calls.
     template <typename LayDown>
-    void expectPreviewMatchesARealRun(LayDown layDown, const std::vector<std::string>& arguments)
+    void expectPreviewMatchesARealRun(LayDown layDown, const std::vector<std::string>& arguments,
+                                      const RunOptions& options = {})
     {
         Sandbox previewed(GetParam());
         layDown(previewed);
         const std::vector<std::string> before = previewed.tree();
-        const RunResult shown = preview(previewed, arguments);
+        const RunResult shown = preview(previewed, arguments, options);
         ASSERT_EQ(shown.exitStatus, 0) << describe(shown);
         EXPECT_EQ(previewed.tree(), before);
         EXPECT_TRUE(previewed.journal().empty());
@@ -155,11 +156,24 @@ protected:
         Sandbox real(GetParam());
         layDown(real);
         ASSERT_EQ(real.tree(), before);
-        const RunResult done = real.run(arguments);
+        const RunResult done = real.runWith(Sandbox::kRemoverPath, arguments, options);
         ASSERT_FALSE(done.signaled) << describe(done);
 
         const auto sections = sectionsOf(shown.standardOutput);
-        EXPECT_EQ(sections.at(kWouldRemove), removedItems(before, real.tree())) << shown.standardOutput;
+        const std::vector<std::string> after = real.tree();
+        EXPECT_EQ(sections.at(kWouldRemove), removedItems(before, after)) << shown.standardOutput;
+        // What the run made: the items new afterwards, named the same way.
+        std::vector<std::string> created;
+        for (const std::string& item : removedItems(after, before)) {
+            created.push_back("created " + item);
+        }
+        std::vector<std::string> shownCreated;
+        for (const std::string& item : sections.at(kWouldCreateOrChange)) {
+            if (item.rfind("created ", 0) == 0) {
+                shownCreated.push_back(item);
+            }
+        }
+        EXPECT_EQ(shownCreated, created) << shown.standardOutput;
         // The real run's lines but for the package tool double's own.
         std::vector<std::string> realLines;
         for (const std::string& line : linesOf(done.standardOutput)) {
@@ -374,6 +388,69 @@ TEST_P(Preview, AFolderIconLeftBehindShowsItsCarriageReturnEscaped)
     EXPECT_EQ(sectionsOf(result.standardOutput).at(kWouldRemove),
               (std::vector<std::string>{std::string(kDefaultApp) + " (folder, 4 items inside)",
                                         std::string(kDefaultFolder) + "/Icon\\r"}));
+}
+
+TEST_P(Preview, ARelativeApplicationPathIsResolvedInTheFolderItWasStartedIn)
+{
+    RunOptions fromApplications;
+    fromApplications.workingFolder = "/Applications";
+    expectPreviewMatchesARealRun([](Sandbox& sandbox) { layDownCompleteInstallation(sandbox); },
+                                 {"x", "Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app"}, fromApplications);
+}
+
+TEST_P(Preview, AProtectedFolderReachedThroughABindMountOfItsDiskIsRefusedAsInARealRun)
+{
+    // /Applications/LibraryView shows /Library again: a second overlay of
+    // it would give its folders other identities, and the guard would not
+    // know /Library/Fonts there.
+    const auto layDown = [](Sandbox& sandbox) {
+        installApp(sandbox, kDefaultApp);
+        sandbox.writeFile("/Library/Fonts/Unrelated.otf", "someone else's font");
+        sandbox.bindFolder("/Library", "/Applications/LibraryView");
+        sandbox.writeFile(kProductLog, "/Applications/LibraryView/Fonts\n");
+    };
+    expectPreviewMatchesARealRun(layDown, {"x", kDefaultApp});
+
+    Sandbox sandbox(GetParam());
+    layDown(sandbox);
+    const RunResult result = preview(sandbox, {"x", kDefaultApp});
+    const auto sections = sectionsOf(result.standardOutput);
+    EXPECT_EQ(sections.at(kWouldPrint).front(), "Could not remove /Applications/LibraryView/Fonts.");
+    const std::string overlaidAt = GetParam() == Layout::SingleDisk ? "/" : "/Library";
+    const auto& unseen = sections.at(kNotPreviewed);
+    EXPECT_NE(std::find(unseen.begin(), unseen.end(),
+                        "/Applications/LibraryView (ext4, another view of a disk overlaid at " + overlaidAt + ")"),
+              unseen.end())
+        << result.standardOutput;
+}
+
+TEST_P(Preview, ARemoverLookingForAWayOutOfTheViewFindsNone)
+{
+    // In place of the remover, a script that tries every road out: the
+    // roots, working folders and open folders of other processes in /proc
+    // (a process outside the view is kept waiting in /Library), and a folder
+    // descriptor the preview was started with.
+    Sandbox sandbox(GetParam());
+    sandbox.writeFile("/Library/Keep/marker", "must stay");
+    sandbox.useBundleCopy();
+    sandbox.writeFile(std::string(Sandbox::kRemoverPath),
+                      "#!/bin/sh\n"
+                      "for p in /proc/[0-9]*/root/Library /proc/[0-9]*/cwd /proc/[0-9]*/cwd/Library "
+                      "/proc/[0-9]*/fd/* /proc/[0-9]*/fd/*/Library; do\n"
+                      "  if [ -e \"$p/Keep/marker\" ]; then\n"
+                      "    rm -f \"$p/Keep/marker\" && echo \"removed through $p\"\n"
+                      "  fi\n"
+                      "done\n"
+                      "echo looked\n",
+                      0755);
+
+    const RunResult result = sandbox.runProgram(
+        "/bin/sh", {"-c", std::string("cd /Library && { sleep 20 <&- >/dev/null 2>&1 & } ; exec 5</Library; exec ") +
+                              Sandbox::kPreviewPath + " x '" + kDefaultApp + "'"});
+
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    EXPECT_NE(result.standardOutput.find("  looked\n"), std::string::npos) << result.standardOutput;
+    EXPECT_EQ(sandbox.readFile("/Library/Keep/marker"), "must stay") << result.standardOutput;
 }
 
 TEST_P(Preview, AnUnprivilegedUserIsToldToRunItAsRoot)

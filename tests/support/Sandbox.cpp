@@ -331,19 +331,19 @@ std::vector<std::string> Sandbox::tree(const std::string& under) const
 
 RunResult Sandbox::run(const std::vector<std::string>& arguments, const Environment& environment) const
 {
-    return runWith(kRemoverPath, arguments, {environment, std::nullopt, std::nullopt, false, std::nullopt});
+    return runWith(kRemoverPath, arguments, {environment, std::nullopt, std::nullopt, false, std::nullopt, std::nullopt});
 }
 
 RunResult Sandbox::runProgram(const std::string& program, const std::vector<std::string>& arguments,
                               const Environment& environment) const
 {
-    return runWith(program, arguments, {environment, std::nullopt, std::nullopt, false, std::nullopt});
+    return runWith(program, arguments, {environment, std::nullopt, std::nullopt, false, std::nullopt, std::nullopt});
 }
 
 RunResult Sandbox::runProgramAs(User user, const std::string& program, const std::vector<std::string>& arguments,
                                 const Environment& environment) const
 {
-    return runWith(program, arguments, {environment, user, std::nullopt, false, std::nullopt});
+    return runWith(program, arguments, {environment, user, std::nullopt, false, std::nullopt, std::nullopt});
 }
 
 RunResult Sandbox::runWith(const std::string& program, const std::vector<std::string>& arguments,
@@ -363,6 +363,9 @@ RunResult Sandbox::runWith(const std::string& program, const std::vector<std::st
     }
     for (const auto& [name, value] : options.environment) {
         command.insert(command.end(), {"--setenv", name, value});
+    }
+    if (options.workingFolder) {
+        command.insert(command.end(), {"--chdir", *options.workingFolder});
     }
     if (options.withoutCapabilities) {
         command.push_back("--no-caps");

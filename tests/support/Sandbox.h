@@ -70,6 +70,8 @@ struct RunOptions {
     bool withoutCapabilities = false;
     // A compiled seccomp filter (see Seccomp.h) loaded before the program.
     std::optional<std::string> seccompFilter;
+    // The working folder inside ("/" without one).
+    std::optional<std::string> workingFolder;
 };
 
 class Sandbox {
