@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdlib>
+#include <fcntl.h>
 #include <utility>
 
 namespace platform {
@@ -59,6 +60,15 @@ std::optional<InheritedJournal> InheritedJournal::create(std::error_code* error)
     // only where a launch names it.
     posix::UniqueFd fd = posix::anonymousFile("journal", error);
     if (!fd.valid()) {
+        return std::nullopt;
+    }
+    // Every write lands at the end, also when processes sharing the
+    // descriptor write at once: a file in memory keeps no lock on the shared
+    // offset.
+    if (::fcntl(fd.get(), F_SETFL, O_APPEND) != 0) {
+        if (error != nullptr) {
+            *error = posix::lastError();
+        }
         return std::nullopt;
     }
     return InheritedJournal(std::move(fd));

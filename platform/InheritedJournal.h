@@ -44,8 +44,8 @@ public:
     // finished is passed over; damaged bytes never fail the read.
     std::vector<Record> records(std::error_code* error = nullptr) const;
 
-    // Appends one record to the journal the environment names (in one write,
-    // so records of processes that run one after the other stay whole).
+    // Appends one record to the journal the environment names, in one write
+    // at its end, so records stay whole even when processes write at once.
     // False when the environment names none or the write fails.
     static bool appendToInherited(const Record& fields);
 
