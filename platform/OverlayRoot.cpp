@@ -320,7 +320,8 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
                 root.theLayers.push_back(std::move(layer));
                 overlaidMounts.push_back(&mount.entry);
                 overlaid = true;
-            } else if (overlayError == std::errc::no_such_device) {
+            } else if (overlayError == std::errc::no_such_device ||
+                       overlayError == std::errc::function_not_supported) {
                 builder.fail(FailureKind::NoOverlay, "this kernel has no overlay file system", overlayError);
                 return std::nullopt;
             } else {

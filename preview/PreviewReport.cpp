@@ -189,7 +189,8 @@ std::string PreviewReport::text() const
 
     std::vector<std::string> unseen;
     for (const platform::OverlayRoot::ReadOnlyMount& mount : readOnlyMounts) {
-        unseen.push_back(escapedPath(mount.mountPoint) + " (" + mount.fileSystemType + ", " + mount.reason + ")");
+        unseen.push_back(escapedPath(mount.mountPoint) + " (" + escapedPath(mount.fileSystemType) + ", " +
+                         escapedPath(mount.reason) + ")");
     }
     appendSection(out, "Not previewed (read-only during the preview, so what the remover would do there may differ):",
                   unseen);
