@@ -3,6 +3,7 @@
 #include "platform/Task.h"
 #include "tests/support/RunCopyOfSelf.h"
 #include "tests/support/RunUnprivileged.h"
+#include "tests/support/ScopedVariable.h"
 
 #include <gtest/gtest.h>
 
@@ -20,6 +21,8 @@
 
 namespace {
 
+using testsupport::ScopedVariable;
+
 using platform::InheritedJournal;
 using Record = InheritedJournal::Record;
 
@@ -33,37 +36,6 @@ bool isCloseOnExec(int fd)
     const int flags = ::fcntl(fd, F_GETFD);
     return flags != -1 && (flags & FD_CLOEXEC) != 0;
 }
-
-// Sets an environment variable for one scope and puts back what was there.
-class ScopedVariable {
-public:
-    ScopedVariable(const char* name, const char* value) : theName(name)
-    {
-        const char* old = std::getenv(name);
-        if (old != nullptr) {
-            theOld = old;
-        }
-        if (value != nullptr) {
-            ::setenv(name, value, 1);
-        } else {
-            ::unsetenv(name);
-        }
-    }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-    ~ScopedVariable()
-    {
-        if (theOld) {
-            ::setenv(theName, theOld->c_str(), 1);
-        } else {
-            ::unsetenv(theName);
-        }
-    }
-
-private:
-    const char* theName;
-    std::optional<std::string> theOld;
-};
 
 // Runs the running test again in a process of this executable started by
 // Task the way the preview starts the remover: with the journal's

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Descriptor.h"
 #include "tests/support/TempDir.h"
 
 using platform::MountPoint;
@@ -37,24 +38,6 @@ private:
     std::vector<std::string> thePaths;
 };
 
-// An open folder, closed at the end of the scope.
-class OpenFolder {
-public:
-    explicit OpenFolder(const std::string& path) : theFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
-    OpenFolder(const OpenFolder&) = delete;
-    OpenFolder& operator=(const OpenFolder&) = delete;
-    ~OpenFolder()
-    {
-        if (theFd >= 0) {
-            ::close(theFd);
-        }
-    }
-    int fd() const noexcept { return theFd; }
-
-private:
-    int theFd;
-};
-
 // Mounts happen in a mount namespace of the test process's own, so nothing
 // outside it ever sees them.
 void enterPrivateMountNamespace()
@@ -70,12 +53,12 @@ TEST(MountPoint, AnOrdinarySubFolderIsNoMountRoot)
 {
     TempDir dir;
     makeDirectories(dir.at("plain/inner"));
-    const OpenFolder folder(dir.path());
-    ASSERT_GE(folder.fd(), 0);
-    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "plain"), std::optional<bool>(false));
+    const testsupport::Descriptor folder = testsupport::openFolder(dir.path());
+    ASSERT_GE(folder.get(), 0);
+    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "plain"), std::optional<bool>(false));
     EXPECT_EQ(MountPoint::isMountRoot(dir.at("plain/inner")), std::optional<bool>(false));
-    EXPECT_EQ(MountPoint::mountIdAt(folder.fd(), "plain"), MountPoint::mountIdOf(folder.fd()));
-    EXPECT_TRUE(MountPoint::mountIdOf(folder.fd()).has_value());
+    EXPECT_EQ(MountPoint::mountIdAt(folder.get(), "plain"), MountPoint::mountIdOf(folder.get()));
+    EXPECT_TRUE(MountPoint::mountIdOf(folder.get()).has_value());
 }
 
 TEST(MountPoint, TheRootFolderIsAMountRoot)
@@ -86,9 +69,9 @@ TEST(MountPoint, TheRootFolderIsAMountRoot)
 TEST(MountPoint, AMissingNameCannotBeTold)
 {
     TempDir dir;
-    const OpenFolder folder(dir.path());
-    EXPECT_FALSE(MountPoint::isMountRoot(folder.fd(), "missing").has_value());
-    EXPECT_FALSE(MountPoint::mountIdAt(folder.fd(), "missing").has_value());
+    const testsupport::Descriptor folder = testsupport::openFolder(dir.path());
+    EXPECT_FALSE(MountPoint::isMountRoot(folder.get(), "missing").has_value());
+    EXPECT_FALSE(MountPoint::mountIdAt(folder.get(), "missing").has_value());
     EXPECT_FALSE(MountPoint::isMountRoot(dir.at("missing/deeper")).has_value());
 }
 
@@ -96,8 +79,8 @@ TEST(MountPoint, ALinkToAMountIsNoMountRoot)
 {
     TempDir dir;
     ASSERT_EQ(::symlink("/", dir.at("to-root").c_str()), 0);
-    const OpenFolder folder(dir.path());
-    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "to-root"), std::optional<bool>(false));
+    const testsupport::Descriptor folder = testsupport::openFolder(dir.path());
+    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "to-root"), std::optional<bool>(false));
 }
 
 TEST(MountPoint, AnotherFileSystemMountedInsideIsAMountRoot)
@@ -110,11 +93,11 @@ TEST(MountPoint, AnotherFileSystemMountedInsideIsAMountRoot)
     mounts.add(dir.at("mnt"));
     writeFile(dir.at("mnt/inside/file"), "x");
 
-    const OpenFolder folder(dir.path());
-    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "mnt"), std::optional<bool>(true));
+    const testsupport::Descriptor folder = testsupport::openFolder(dir.path());
+    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "mnt"), std::optional<bool>(true));
     EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt")), std::optional<bool>(true));
     EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt/inside")), std::optional<bool>(false));
-    EXPECT_NE(MountPoint::mountIdAt(folder.fd(), "mnt"), MountPoint::mountIdOf(folder.fd()));
+    EXPECT_NE(MountPoint::mountIdAt(folder.get(), "mnt"), MountPoint::mountIdOf(folder.get()));
 }
 
 TEST(MountPoint, ABindMountOfTheSameDiskIsAMountRootThoughItsDeviceIsTheSame)
@@ -135,12 +118,12 @@ TEST(MountPoint, ABindMountOfTheSameDiskIsAMountRootThoughItsDeviceIsTheSame)
     ASSERT_EQ(::stat(dir.at("listed").c_str(), &listed), 0);
     EXPECT_EQ(bound.st_dev, listed.st_dev);
 
-    const OpenFolder folder(dir.at("listed"));
-    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "bound"), std::optional<bool>(true));
-    EXPECT_EQ(MountPoint::isMountRoot(folder.fd(), "plain"), std::optional<bool>(false));
+    const testsupport::Descriptor folder = testsupport::openFolder(dir.at("listed"));
+    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "bound"), std::optional<bool>(true));
+    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "plain"), std::optional<bool>(false));
     EXPECT_EQ(MountPoint::isMountRoot(dir.at("listed/bound")), std::optional<bool>(true));
-    EXPECT_NE(MountPoint::mountIdAt(folder.fd(), "bound"), MountPoint::mountIdOf(folder.fd()));
-    const OpenFolder inside(dir.at("listed/bound"));
-    EXPECT_EQ(MountPoint::mountIdOf(inside.fd()), MountPoint::mountIdAt(folder.fd(), "bound"));
-    EXPECT_EQ(MountPoint::isMountRoot(inside.fd(), "file"), std::optional<bool>(false));
+    EXPECT_NE(MountPoint::mountIdAt(folder.get(), "bound"), MountPoint::mountIdOf(folder.get()));
+    const testsupport::Descriptor inside = testsupport::openFolder(dir.at("listed/bound"));
+    EXPECT_EQ(MountPoint::mountIdOf(inside.get()), MountPoint::mountIdAt(folder.get(), "bound"));
+    EXPECT_EQ(MountPoint::isMountRoot(inside.get(), "file"), std::optional<bool>(false));
 }

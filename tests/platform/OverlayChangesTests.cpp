@@ -1,7 +1,9 @@
 #include "platform/OverlayChanges.h"
 
+#include "tests/support/OverlayChangePrinter.h"
 #include "tests/support/FileModes.h"
 #include "tests/support/RunUnprivileged.h"
+#include "tests/support/Descriptor.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -23,19 +25,6 @@
 #include <system_error>
 #include <tuple>
 #include <vector>
-
-namespace platform {
-
-// Changes as the failure messages show them: {Removed /Old Folder 6}.
-static void PrintTo(const OverlayChange& change, std::ostream* out)
-{
-    static const char* const kinds[] = {"Removed", "Created", "Changed"};
-    static const char* const types[] = {"File", "Folder", "Link", "Other"};
-    *out << "{" << kinds[static_cast<int>(change.kind)] << " " << change.path << " "
-         << types[static_cast<int>(change.type)] << " " << change.itemsInside << "}";
-}
-
-}  // namespace platform
 
 namespace {
 
@@ -60,24 +49,6 @@ std::vector<OverlayChange> sorted(std::vector<OverlayChange> changes)
     });
     return changes;
 }
-
-// An open folder, closed at the end of the scope.
-class OpenFolder {
-public:
-    explicit OpenFolder(const std::string& path) : theFd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
-    OpenFolder(const OpenFolder&) = delete;
-    OpenFolder& operator=(const OpenFolder&) = delete;
-    ~OpenFolder()
-    {
-        if (theFd >= 0) {
-            ::close(theFd);
-        }
-    }
-    int fd() const noexcept { return theFd; }
-
-private:
-    int theFd;
-};
 
 // What the overlay leaves in its writable layer for a removed item.
 void makeWhiteout(const std::string& path)
@@ -133,13 +104,13 @@ protected:
     // Every change, sorted; a failure to read anything fails the test.
     std::vector<OverlayChange> changes(const std::string& mountPoint = "/")
     {
-        const OpenFolder changed(upper(""));
-        const OpenFolder original(lower(""));
-        EXPECT_GE(changed.fd(), 0);
-        EXPECT_GE(original.fd(), 0);
+        const testsupport::Descriptor changed = testsupport::openFolder(upper(""));
+        const testsupport::Descriptor original = testsupport::openFolder(lower(""));
+        EXPECT_GE(changed.get(), 0);
+        EXPECT_GE(original.get(), 0);
         // Set beforehand, so that a read without failures must clear it.
         std::error_code error = std::make_error_code(std::errc::io_error);
-        std::vector<OverlayChange> found = OverlayChanges::read(changed.fd(), original.fd(), mountPoint, &error);
+        std::vector<OverlayChange> found = OverlayChanges::read(changed.get(), original.get(), mountPoint, &error);
         EXPECT_FALSE(error) << error.message();
         return sorted(std::move(found));
     }
@@ -472,13 +443,13 @@ TEST(OverlayChangesFailures, ALayerThatIsNotOpenIsReportedAndNothingIsRead)
     TempDir dir;
     makeFolder(dir.at("lower"));
     writeFile(dir.at("upper/new"), "x");
-    const OpenFolder lower(dir.at("lower"));
-    const OpenFolder upper(dir.at("upper"));
+    const testsupport::Descriptor lower = testsupport::openFolder(dir.at("lower"));
+    const testsupport::Descriptor upper = testsupport::openFolder(dir.at("upper"));
     std::error_code error;
-    EXPECT_TRUE(OverlayChanges::read(-1, lower.fd(), "/", &error).empty());
+    EXPECT_TRUE(OverlayChanges::read(-1, lower.get(), "/", &error).empty());
     EXPECT_EQ(error, std::errc::bad_file_descriptor);
     error.clear();
-    EXPECT_TRUE(OverlayChanges::read(upper.fd(), -1, "/", &error).empty());
+    EXPECT_TRUE(OverlayChanges::read(upper.get(), -1, "/", &error).empty());
     EXPECT_EQ(error, std::errc::bad_file_descriptor);
 }
 
@@ -487,11 +458,11 @@ TEST(OverlayChangesFailures, ALayerThatIsAFileIsNotAFolder)
     TempDir dir;
     makeFolder(dir.at("lower"));
     writeFile(dir.at("upper"), "not a folder");
-    const OpenFolder lower(dir.at("lower"));
+    const testsupport::Descriptor lower = testsupport::openFolder(dir.at("lower"));
     const int file = ::open(dir.at("upper").c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(file, 0);
     std::error_code error;
-    EXPECT_TRUE(OverlayChanges::read(file, lower.fd(), "/", &error).empty());
+    EXPECT_TRUE(OverlayChanges::read(file, lower.get(), "/", &error).empty());
     EXPECT_EQ(error, std::errc::not_a_directory);
     ::close(file);
 }
@@ -504,19 +475,19 @@ TEST(OverlayChangesCount, CountsEveryItemAtAnyDepthAndDoesNotFollowLinks)
     makeFolder(dir.at("top/b/d/e"));
     makeLink("/", dir.at("top/b/d/e/to-root"));
     ASSERT_EQ(::mkfifo(dir.at("top/pipe").c_str(), 0600), 0);
-    const OpenFolder top(dir.at("top"));
+    const testsupport::Descriptor top = testsupport::openFolder(dir.at("top"));
     std::error_code error = std::make_error_code(std::errc::io_error);
     // a, b, b/c, b/d, b/d/e, b/d/e/to-root, pipe.
-    EXPECT_EQ(OverlayChanges::countItemsBelow(top.fd(), &error), 7U);
+    EXPECT_EQ(OverlayChanges::countItemsBelow(top.get(), &error), 7U);
     EXPECT_FALSE(error) << error.message();
 }
 
 TEST(OverlayChangesCount, AnEmptyFolderHasNothingBelowIt)
 {
     TempDir dir;
-    const OpenFolder top(dir.path());
+    const testsupport::Descriptor top = testsupport::openFolder(dir.path());
     std::error_code error;
-    EXPECT_EQ(OverlayChanges::countItemsBelow(top.fd(), &error), 0U);
+    EXPECT_EQ(OverlayChanges::countItemsBelow(top.get(), &error), 0U);
     EXPECT_FALSE(error);
 }
 

@@ -4,6 +4,7 @@
 #include "platform/MountTable.h"
 #include "platform/OverlayChanges.h"
 #include "platform/Task.h"
+#include "tests/support/OverlayChangePrinter.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -30,19 +31,6 @@
 #include <system_error>
 #include <tuple>
 #include <vector>
-
-namespace platform {
-
-// Changes as the failure messages show them: {Created /tmp/x/new File 0}.
-static void PrintTo(const OverlayChange& change, std::ostream* out)
-{
-    static const char* const kinds[] = {"Removed", "Created", "Changed"};
-    static const char* const types[] = {"File", "Folder", "Link", "Other"};
-    *out << "{" << kinds[static_cast<int>(change.kind)] << " " << change.path << " "
-         << types[static_cast<int>(change.type)] << " " << change.itemsInside << "}";
-}
-
-}  // namespace platform
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "platform/Task.h"
 
 #include "platform/Exception.h"
+#include "tests/support/ScopedVariable.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -18,6 +19,8 @@
 #include <unistd.h>
 
 namespace {
+
+using testsupport::ScopedVariable;
 
 using platform::Task;
 using platform::TaskOptions;
@@ -209,32 +212,6 @@ public:
 
 private:
     int theFd = -1;
-};
-
-// Sets an environment variable for one scope and puts back what was there.
-class ScopedVariable {
-public:
-    ScopedVariable(const char* name, const char* value) : theName(name)
-    {
-        if (const char* old = std::getenv(name)) {
-            theOld = old;
-        }
-        ::setenv(name, value, 1);
-    }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-    ~ScopedVariable()
-    {
-        if (theOld) {
-            ::setenv(theName, theOld->c_str(), 1);
-        } else {
-            ::unsetenv(theName);
-        }
-    }
-
-private:
-    const char* theName;
-    std::optional<std::string> theOld;
 };
 
 TEST(TaskCapture, CollectsWhatTheChildPrintsInOrder)

@@ -270,7 +270,10 @@ TEST(PreviewReportShellQuoted, IsReadBackByAShellAsTheArgumentItself)
     std::string command = "printf '%s\\0'";
     std::string expected;
     for (const std::string& argument : arguments) {
-        command += " " + PreviewReport::shellQuoted(argument);
+        // Appended piece by piece: GCC 12's Release build warns falsely of
+        // an overlap in " " + a temporary string.
+        command.push_back(' ');
+        command += PreviewReport::shellQuoted(argument);
         expected += argument;
         expected.push_back('\0');
     }

@@ -1,5 +1,6 @@
 #include "tests/support/Descriptor.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace testsupport {
@@ -10,6 +11,11 @@ void Descriptor::close() noexcept
         ::close(theFd);
         theFd = -1;
     }
+}
+
+Descriptor openFolder(const std::string& path)
+{
+    return Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace testsupport

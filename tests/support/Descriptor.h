@@ -1,6 +1,7 @@
 // A file descriptor owned by the test: closed when it goes.
 #pragma once
 
+#include <string>
 #include <utility>
 
 namespace testsupport {
@@ -29,5 +30,8 @@ public:
 private:
     int theFd = -1;
 };
+
+// The folder at path, open for reading (not open when it cannot be).
+Descriptor openFolder(const std::string& path);
 
 }  // namespace testsupport
