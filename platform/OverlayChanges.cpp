@@ -187,8 +187,11 @@ uint64_t OverlayChanges::countItemsBelow(int folder, std::error_code* error)
     std::error_code first;
     uint64_t count = 0;
     // One folder open at a time: the names of the sub-folders still to visit
-    // are kept per level, and ".." leads back up. The trees counted are
-    // private copies that nothing else changes.
+    // are kept per level, and ".." leads back up. The trees counted are a
+    // writable layer no one else reaches and a read-only mount of the
+    // original file system: should something outside rename a folder there
+    // meanwhile, a count may be off, but the walk never leaves the tree it
+    // started in (no link is followed, ".." only undoes a step down).
     std::error_code failure;
     posix::UniqueFd current = posix::openAt(folder, ".", kFolderFlags, 0, &failure);
     note(first, failure);
