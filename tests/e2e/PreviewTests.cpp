@@ -376,6 +376,23 @@ TEST_P(Preview, TheLogFileAFailedRunWouldWriteIsShownAsCreatedAndNotWritten)
     EXPECT_FALSE(sandbox.exists("/root/Library/Logs"));
 }
 
+TEST_P(Preview, TheLaunchAgentsFolderARunWouldMakeIsShownAsCreatedAndNotMade)
+{
+    const auto layDown = [](Sandbox& sandbox) {
+        installApp(sandbox, kDefaultApp);
+        sandbox.makeDirectory("/root/Library");
+    };
+    expectPreviewMatchesARealRun(layDown, {"x", kDefaultApp});
+
+    Sandbox sandbox(GetParam());
+    layDown(sandbox);
+    const RunResult result = preview(sandbox, {"x", kDefaultApp});
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    EXPECT_EQ(sectionsOf(result.standardOutput).at(kWouldCreateOrChange),
+              std::vector<std::string>{"created /root/Library/LaunchAgents (empty folder)"});
+    EXPECT_FALSE(sandbox.exists("/root/Library/LaunchAgents"));
+}
+
 TEST_P(Preview, ARunThatWouldEndAbnormallyIsShownEndingSo)
 {
     Sandbox sandbox(GetParam());
