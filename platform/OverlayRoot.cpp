@@ -387,7 +387,10 @@ bool OverlayRoot::separateProcesses(std::error_code* error)
 
 bool OverlayRoot::mountProcessTable(std::error_code* error)
 {
+    // In a mount namespace of the caller's own (a copy of the view), so the
+    // process that made the view keeps the /proc it knows itself by.
     const bool done =
+        ::unshare(CLONE_NEWNS) == 0 &&
         ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY, nullptr) == 0;
     if (error != nullptr) {
         *error = done ? std::error_code() : posix::lastError();

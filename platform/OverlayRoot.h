@@ -92,7 +92,9 @@ public:
     // must then call mountProcessTable().
     static bool separateProcesses(std::error_code* error = nullptr);
     // Mounts, read-only over /proc, the process table of the PID namespace
-    // the caller is the first process of.
+    // the caller is the first process of, in a copy of the view that the
+    // caller and what it starts go on in (the process that made the view
+    // keeps its own /proc).
     static bool mountProcessTable(std::error_code* error = nullptr);
     // Writable mounts left read-only, in mount order, leaving out those that
     // lie inside another one listed.
