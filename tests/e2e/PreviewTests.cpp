@@ -86,8 +86,9 @@ std::vector<std::string> removedItems(const std::vector<std::string>& before, co
         }
         std::string item = path;
         if (type == 'd') {
-            const auto inside = std::count_if(gone.begin(), gone.end(), [&](const auto& other) {
-                return other.first.rfind(path + "/", 0) == 0;
+            const std::string prefix = path + "/";
+            const auto inside = std::count_if(gone.begin(), gone.end(), [&prefix](const auto& other) {
+                return other.first.rfind(prefix, 0) == 0;
             });
             item += inside == 0   ? " (empty folder)"
                     : inside == 1 ? " (folder, 1 item inside)"
