@@ -378,7 +378,23 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
 
 bool OverlayRoot::separateProcesses(std::error_code* error)
 {
-    const bool done = ::unshare(CLONE_NEWPID) == 0;
+    std::error_code failure;
+    posix::UniqueFd own = posix::openFile("/proc/self/ns/pid", O_RDONLY, 0, &failure);
+    if (own.valid() && ::unshare(CLONE_NEWPID) != 0) {
+        failure = posix::lastError();
+    }
+    if (!failure) {
+        theOwnProcesses = std::move(own);
+    }
+    if (error != nullptr) {
+        *error = failure;
+    }
+    return !failure;
+}
+
+bool OverlayRoot::rejoinProcesses(std::error_code* error)
+{
+    const bool done = !theOwnProcesses.valid() || ::setns(theOwnProcesses.get(), CLONE_NEWPID) == 0;
     if (error != nullptr) {
         *error = done ? std::error_code() : posix::lastError();
     }

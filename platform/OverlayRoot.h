@@ -89,8 +89,12 @@ public:
     // Makes the processes this process starts from now on the first ones of
     // a new PID namespace: they see none of the processes outside, so no
     // /proc/<pid>/root, cwd or fd leads them out of the view. The first one
-    // must then call mountProcessTable().
-    static bool separateProcesses(std::error_code* error = nullptr);
+    // must then call mountProcessTable(). Once it has ended, no process can
+    // be made in that namespace any more: rejoinProcesses() makes this
+    // process start its children beside it again (a sanitizer's helper
+    // thread at exit is one).
+    bool separateProcesses(std::error_code* error = nullptr);
+    bool rejoinProcesses(std::error_code* error = nullptr);
     // Mounts, read-only over /proc, the process table of the PID namespace
     // the caller is the first process of, in a copy of the view that the
     // caller and what it starts go on in (the process that made the view
@@ -103,6 +107,8 @@ public:
 private:
     OverlayRoot() = default;
     std::vector<Layer> theLayers;
+    // This process's own PID namespace, while its children go to another.
+    posix::UniqueFd theOwnProcesses;
     std::vector<ReadOnlyMount> theReadOnlyMounts;
 };
 

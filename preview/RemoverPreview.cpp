@@ -106,12 +106,13 @@ int RemoverPreview::run(const std::vector<std::string>& removerArguments, std::F
     if (!journal) {
         return cannotPreview(console, kFailed, "cannot make the stand-ins' journal: " + error.message());
     }
-    if (!platform::OverlayRoot::separateProcesses(&error)) {
+    if (!root->separateProcesses(&error)) {
         return cannotPreview(console, kCannotPreviewHere, "cannot make a PID namespace: " + error.message());
     }
 
     PreviewReport report;
     report.removerArguments = removerArguments;
+    std::string launchFailure;
     try {
         platform::TaskOptions options;
         options.captureStandardOutput = true;
@@ -123,7 +124,14 @@ int RemoverPreview::run(const std::vector<std::string>& removerArguments, std::F
         task.waitUntilExit();
         report.removerOutput = task.standardOutputData();
     } catch (const platform::Exception& exception) {
-        return cannotPreview(console, kFailed, exception.reason());
+        launchFailure = exception.reason();
+    }
+    // Whatever happened, this process goes on making processes beside it.
+    if (!root->rejoinProcesses(&error)) {
+        return cannotPreview(console, kFailed, "cannot return to this process's PID namespace: " + error.message());
+    }
+    if (!launchFailure.empty()) {
+        return cannotPreview(console, kFailed, launchFailure);
     }
 
     bool ended = false;

@@ -22,6 +22,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -798,9 +799,9 @@ TEST_F(OverlayRootTest, BindFileReadOnlyRefusesAMissingTargetAndAFolder)
 
 TEST_F(OverlayRootTest, SeparateProcessesMakesTheNextChildTheFirstOfAProcessTableOfItsOwn)
 {
-    const int status = runInsideOverlayRoot("/tmp", [](OverlayRoot&) {
+    const int status = runInsideOverlayRoot("/tmp", [](OverlayRoot& root) {
         std::error_code error = std::make_error_code(std::errc::io_error);
-        ASSERT_TRUE(OverlayRoot::separateProcesses(&error)) << error.message();
+        ASSERT_TRUE(root.separateProcesses(&error)) << error.message();
         EXPECT_FALSE(error);
         std::fflush(stdout);
         const pid_t pid = ::fork();
@@ -828,6 +829,19 @@ TEST_F(OverlayRootTest, SeparateProcessesMakesTheNextChildTheFirstOfAProcessTabl
         }
         int childStatus = -1;
         ASSERT_EQ(::waitpid(pid, &childStatus, 0), pid);
+        EXPECT_TRUE(WIFEXITED(childStatus));
+        EXPECT_EQ(WEXITSTATUS(childStatus), 0);
+
+        // With the first process gone, no process can be made there; back
+        // in its own namespace, this process makes children as before.
+        ASSERT_TRUE(root.rejoinProcesses(&error)) << error.message();
+        std::fflush(stdout);
+        const pid_t again = ::fork();
+        ASSERT_GE(again, 0) << std::strerror(errno);
+        if (again == 0) {
+            ::_exit(::getpid() == 1 ? 21 : 0);
+        }
+        ASSERT_EQ(::waitpid(again, &childStatus, 0), again);
         EXPECT_TRUE(WIFEXITED(childStatus));
         EXPECT_EQ(WEXITSTATUS(childStatus), 0);
     });
