@@ -3,6 +3,7 @@
 #include "tests/support/OverlayChangePrinter.h"
 #include "tests/support/FileModes.h"
 #include "tests/support/RunUnprivileged.h"
+#include "tests/support/DeepTree.h"
 #include "tests/support/Descriptor.h"
 #include "tests/support/TempDir.h"
 
@@ -27,6 +28,9 @@
 #include <vector>
 
 namespace {
+
+using testsupport::buildChain;
+using testsupport::makeFileAt;
 
 using platform::OverlayChange;
 using platform::OverlayChanges;
@@ -496,40 +500,6 @@ TEST(OverlayChangesCount, AFolderThatIsNotOpenCountsNothingAndSaysWhy)
     std::error_code error;
     EXPECT_EQ(OverlayChanges::countItemsBelow(-1, &error), 0U);
     EXPECT_EQ(error, std::errc::bad_file_descriptor);
-}
-
-// Builds `depth` levels of folders "d" below the folder open at `top`
-// through descriptors (so PATH_MAX does not limit it), calling
-// `atLevel(folder, level)` in each before going down; false when something
-// could not be made.
-bool buildChain(int top, int depth, const std::function<bool(int, int)>& atLevel)
-{
-    int fd = ::openat(top, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int level = 0; fd >= 0 && level < depth; ++level) {
-        if (!atLevel(fd, level) || ::mkdirat(fd, "d", 0755) != 0) {
-            ::close(fd);
-            return false;
-        }
-        const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ::close(fd);
-        fd = next;
-    }
-    if (fd < 0) {
-        return false;
-    }
-    ::close(fd);
-    return true;
-}
-
-bool makeFileAt(int folder, const char* name)
-{
-    const int fd = ::openat(folder, name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return false;
-    }
-    const bool written = ::write(fd, name, 1) == 1;
-    ::close(fd);
-    return written;
 }
 
 // Runs `body` in a child process whose temporary folder `folder` is

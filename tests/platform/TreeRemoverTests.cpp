@@ -3,6 +3,7 @@
 #include "platform/ProtectedFolders.h"
 #include "platform/RemovalRefusal.h"
 
+#include "tests/support/DeepTree.h"
 #include "tests/support/FileModes.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
@@ -39,33 +40,11 @@ using testsupport::readFile;
 using testsupport::TempDir;
 using testsupport::writeFile;
 
-// Builds folder/d/d/.../d, `depth` levels, with a file in every tenth level,
-// working through descriptors so the depth is not limited by PATH_MAX.
-bool buildChain(const std::string& folder, int depth)
+// folder/d/d/.../d, `depth` levels, with a file in every tenth level.
+bool buildChainWithFiles(const std::string& folder, int depth)
 {
-    int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY);
-    for (int level = 0; fd >= 0 && level < depth; ++level) {
-        if (::mkdirat(fd, "d", 0755) != 0) {
-            ::close(fd);
-            return false;
-        }
-        if (level % 10 == 0) {
-            const int file = ::openat(fd, "f", O_WRONLY | O_CREAT, 0644);
-            if (file < 0) {
-                ::close(fd);
-                return false;
-            }
-            ::close(file);
-        }
-        const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
-        ::close(fd);
-        fd = next;
-    }
-    if (fd < 0) {
-        return false;
-    }
-    ::close(fd);
-    return true;
+    return testsupport::buildChain(folder, depth,
+                                   [](int fd, int level) { return level % 10 != 0 || testsupport::makeFileAt(fd, "f"); });
 }
 
 // Makes folder/name impossible to remove: the immutable flag for root (whom
@@ -217,7 +196,7 @@ TEST(TreeRemover, TenThousandLevelTreeIsRemovedWithFewDescriptors)
 {
     TempDir dir;
     makeDirectories(dir.at("item"));
-    ASSERT_TRUE(buildChain(dir.at("item"), 10000));
+    ASSERT_TRUE(buildChainWithFiles(dir.at("item"), 10000));
     const int before = openDescriptorCount();
     // Far fewer descriptors than levels: the walk must not hold one per level.
     struct rlimit saved {};
@@ -287,7 +266,7 @@ TEST(TreeRemover, FolderMovedOutOfTheItemDuringTheWalkDoesNotLeadTheWalkOutside)
     // folder would remove it.
     makeDirectories(dir.at("outside/d"));
     makeDirectories(dir.at("item"));
-    ASSERT_TRUE(buildChain(dir.at("item"), 12));
+    ASSERT_TRUE(buildChainWithFiles(dir.at("item"), 12));
     // Two open ancestors: the folders high above the deepest one are reopened
     // through "..", which must be the folder the walk came down from.
     TreeRemover remover(2);
