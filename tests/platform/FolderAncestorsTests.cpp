@@ -84,9 +84,8 @@ TEST(FolderAncestors, TheVisitorEndsTheClimb)
     const posix::UniqueFd fd = posix::openFile(dir.at("a/b/c"), O_RDONLY | O_DIRECTORY);
     ASSERT_TRUE(fd.valid());
     int visits = 0;
-    const std::error_code error = FolderAncestors::climb(fd.get(), [&](int, const struct stat&) {
-        return ++visits < 2;
-    });
+    const std::error_code error =
+        FolderAncestors::climb(fd.get(), [&](int, const struct stat&) { return ++visits < 2; });
     EXPECT_FALSE(error);
     EXPECT_EQ(visits, 2);
 }
