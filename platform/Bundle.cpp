@@ -1,6 +1,8 @@
 #include "platform/Bundle.h"
 
+#include <cerrno>
 #include <map>
+#include <sys/auxv.h>
 #include <mutex>
 #include <unistd.h>
 #include <utility>
@@ -25,13 +27,38 @@ bool exists(const std::string& path)
     return FileManager::defaultManager().fileExistsAtPath(path);
 }
 
+// The path the program was started by (execve's first argument), made
+// absolute from the current folder when it is relative: what is left when
+// /proc is not mounted.
+std::optional<std::string> startedExecutablePath()
+{
+    const auto* started = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
+    if (started == nullptr || *started == '\0') {
+        return std::nullopt;
+    }
+    std::string path(started);
+    if (path.front() != '/') {
+        std::vector<char> folder(4096);
+        while (::getcwd(folder.data(), folder.size()) == nullptr) {
+            if (errno != ERANGE) {
+                return std::nullopt;
+            }
+            folder.resize(folder.size() * 2);
+        }
+        path = appendingPathComponent(folder.data(), path);
+    }
+    return path;
+}
+
 std::optional<std::string> runningExecutablePath()
 {
     std::vector<char> buffer(4096);
     for (;;) {
         const ssize_t length = ::readlink("/proc/self/exe", buffer.data(), buffer.size());
         if (length < 0) {
-            return std::nullopt;
+            // No /proc: the bundle must still be found, or it would not be
+            // protected from a removal.
+            return startedExecutablePath();
         }
         if (static_cast<size_t>(length) < buffer.size()) {
             return std::string(buffer.data(), static_cast<size_t>(length));

@@ -1,5 +1,8 @@
 #include "platform/FileManager.h"
 
+#include "platform/DirectoryEntries.h"
+#include "platform/FolderCache.h"
+#include "platform/PathParts.h"
 #include "platform/PosixIO.h"
 #include "platform/TreeRemover.h"
 #include "platform/User.h"
@@ -8,7 +11,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <string_view>
@@ -75,19 +77,12 @@ bool isImmutable(const std::string& path, mode_t mode)
 // The names in the folder open at `folderFd`, sorted.
 std::optional<std::vector<std::string>> sortedNames(int folderFd)
 {
-    posix::UniqueDir dir = posix::UniqueDir::reading(folderFd);
-    if (!dir.valid()) {
-        return std::nullopt;
-    }
     std::vector<std::string> names;
-    std::error_code error;
-    while (const dirent* entry = dir.next(error)) {
-        const std::string_view name(entry->d_name);
-        if (name != "." && name != "..") {
-            names.emplace_back(name);
-        }
+    DirectoryEntries entries(folderFd);
+    while (const auto entry = entries.next()) {
+        names.emplace_back(entry->name);
     }
-    if (error) {
+    if (entries.error()) {
         return std::nullopt;
     }
     std::sort(names.begin(), names.end());
@@ -136,7 +131,41 @@ bool FileManager::fileExistsAtPath(const std::string& path) const
 bool FileManager::fileExistsAtPath(const std::string& path, bool* isDirectory) const
 {
     struct stat st {};
-    const bool exists = !path.empty() && ::stat(path.c_str(), &st) == 0;
+    bool exists = false;
+    const FolderAndName parts = splitFolderAndName(path);
+    if (path.empty()) {
+        exists = false;
+    } else if (path.back() == '/' || parts.name.empty() || parts.name == "." || parts.name == "..") {
+        // A trailing slash asks for a folder, and "." or ".." is a folder
+        // itself rather than an entry of one: the kernel answers those.
+        exists = ::stat(path.c_str(), &st) == 0;
+    } else {
+        // The item relative to its folder, which stays open for the next
+        // item of the same folder and for the destroy that usually follows
+        // (FolderCache.h), with what was seen of the item itself.
+        FolderCache& cache = FolderCache::ofThisThread();
+        for (int attempt = 0; attempt < 2 && !exists; ++attempt) {
+            bool opened = false;
+            const FolderCache::Folder folder = cache.folder(parts.folder, opened);
+            if (!folder) {
+                break;
+            }
+            const int fd = folder->fd.get();
+            exists = ::fstatat(fd, parts.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+            if (exists) {
+                folder->rememberStatus(parts.name, st);
+                // Existence follows a final link: a dangling one does not exist.
+                exists = !S_ISLNK(st.st_mode) || ::fstatat(fd, parts.name.c_str(), &st, 0) == 0;
+                break;
+            }
+            if (opened || errno != ENOENT) {
+                break;
+            }
+            // Not there in the folder kept from before, which may have gone
+            // since: once more from the text.
+            cache.forget();
+        }
+    }
     if (isDirectory != nullptr) {
         *isDirectory = exists && S_ISDIR(st.st_mode);
     }
@@ -180,7 +209,10 @@ bool FileManager::moveItemAtPath(const std::string& source, const std::string& d
     if (source.empty() || destination.empty()) {
         return report(error, emptyPathError());
     }
-    return report(error, resultOf(::rename(source.c_str(), destination.c_str())));
+    const std::error_code reason = resultOf(::rename(source.c_str(), destination.c_str()));
+    // A move may change what a folder text leads to.
+    FolderCache::invalidateAll();
+    return report(error, reason);
 }
 
 bool FileManager::createDirectoryAtPath(const std::string& path, std::optional<uint32_t> mode,
@@ -286,11 +318,9 @@ std::optional<std::vector<std::string>> FileManager::enumeratorAtPath(const std:
         const std::string& name = level.names[level.next++];
         std::string relative = level.prefix + name;
         paths.push_back(relative);
-        struct stat st {};
-        if (::fstatat(level.fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) {
-            continue;
-        }
-        posix::UniqueFd childFd = posix::openAt(level.fd.get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        // Opening it as a folder without following a link says whether it is
+        // one to descend into.
+        posix::UniqueFd childFd = posix::openAt(level.fd.get(), name, posix::kFolderFlags);
         if (!childFd.valid()) {
             continue;
         }

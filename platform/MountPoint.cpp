@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
+
+#include "platform/PathParts.h"
+#include "platform/PosixIO.h"
 
 namespace platform {
 
@@ -62,27 +64,18 @@ std::optional<bool> MountPoint::isMountRoot(int dirfd, const char* name)
 
 std::optional<bool> MountPoint::isMountRoot(const std::string& path)
 {
-    std::string trimmed = path;
-    while (trimmed.size() > 1 && trimmed.back() == '/') {
-        trimmed.pop_back();
-    }
-    if (trimmed.empty()) {
+    const FolderAndName parts = splitFolderAndName(path);
+    if (path.empty()) {
         return std::nullopt;
     }
-    if (trimmed == "/") {
-        return true;
+    if (parts.name.empty()) {
+        return true;  // "/"
     }
-    const auto slash = trimmed.rfind('/');
-    const std::string folder =
-        slash == std::string::npos ? std::string(".") : (slash == 0 ? std::string("/") : trimmed.substr(0, slash));
-    const std::string name = slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
-    const int dirfd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirfd < 0) {
+    const posix::UniqueFd folder = posix::openFolderPath(parts.folder);
+    if (!folder.valid()) {
         return std::nullopt;
     }
-    const auto answer = isMountRoot(dirfd, name.c_str());
-    ::close(dirfd);
-    return answer;
+    return isMountRoot(folder.get(), parts.name.c_str());
 }
 
 }  // namespace platform

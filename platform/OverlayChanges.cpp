@@ -7,6 +7,7 @@
 #include <sys/xattr.h>
 #include <utility>
 
+#include "platform/DirectoryEntries.h"
 #include "platform/PosixIO.h"
 
 namespace platform {
@@ -16,7 +17,7 @@ namespace {
 using Type = OverlayChange::Type;
 using Kind = OverlayChange::Kind;
 
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
+using posix::kFolderFlags;
 
 struct Entry {
     std::string name;
@@ -36,25 +37,17 @@ void note(std::error_code& first, std::error_code failure)
 std::vector<Entry> entriesOf(int folder, std::error_code& error)
 {
     std::vector<Entry> entries;
-    std::error_code failure;
-    posix::UniqueDir stream = posix::UniqueDir::reading(folder, &failure);
-    if (!stream.valid()) {
-        note(error, failure);
-        return entries;
-    }
-    for (const dirent* entry = stream.next(failure); entry != nullptr; entry = stream.next(failure)) {
-        const std::string name = entry->d_name;
-        if (name == "." || name == "..") {
-            continue;
-        }
-        Entry item{name, {}};
-        if (::fstatat(folder, name.c_str(), &item.status, AT_SYMLINK_NOFOLLOW) != 0) {
+    DirectoryEntries listing(folder);
+    while (const auto entry = listing.next()) {
+        Entry item{std::string(entry->name), {}};
+        // The whole status is compared between the layers, not only the type.
+        if (::fstatat(folder, item.name.c_str(), &item.status, AT_SYMLINK_NOFOLLOW) != 0) {
             note(error, posix::lastError());
             continue;
         }
         entries.push_back(std::move(item));
     }
-    note(error, failure);
+    note(error, listing.error());
     return entries;
 }
 
@@ -130,8 +123,8 @@ void reportEach(Kind kind, int folder, const std::string& name, const std::strin
 
 // A folder met in both layers: its own changes; what to descend into is
 // returned.
-std::vector<std::string> readFolder(int upper, int lower, const std::string& path,
-                                    std::vector<OverlayChange>& changes, std::error_code& error)
+std::vector<std::string> readFolder(int upper, int lower, const std::string& path, std::vector<OverlayChange>& changes,
+                                    std::error_code& error)
 {
     std::vector<std::string> descend;
     for (const Entry& entry : entriesOf(upper, error)) {
@@ -216,7 +209,8 @@ uint64_t OverlayChanges::countItemsBelow(int folder, std::error_code* error)
     while (!levels.empty()) {
         Level& level = levels.back();
         if (level.next < level.folders.size()) {
-            posix::UniqueFd child = posix::openAt(current.get(), level.folders[level.next++], kFolderFlags, 0, &failure);
+            posix::UniqueFd child =
+                posix::openAt(current.get(), level.folders[level.next++], kFolderFlags, 0, &failure);
             if (!child.valid()) {
                 note(first, failure);
                 continue;

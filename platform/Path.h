@@ -1,6 +1,11 @@
 // Path functions over UTF-8 byte strings, with the semantics of the string
 // methods the remover was designed against ("/tmp/" -> last component "tmp",
 // a trailing slash dropped before the last component is removed, ...).
+//
+// They reproduce the platform's string semantics for output and naming, and
+// some of them collapse or expand what they are given ("//" made one, "~"
+// expanded). The code that decides what may be removed, and every walk, uses
+// the strict primitives of PathParts.h instead, which change nothing.
 #pragma once
 
 #include <initializer_list>

@@ -1,5 +1,7 @@
 #include "platform/PosixIO.h"
 
+#include <climits>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,29 +21,25 @@ void setError(std::error_code* error, std::error_code value) noexcept
 
 }  // namespace
 
-void UniqueFd::reset(int fd) noexcept
+std::error_code DescriptorTraits::close(int fd) noexcept
 {
-    if (theFd >= 0) {
-        ::close(theFd);
-    }
-    theFd = fd;
+    return ::close(fd) == 0 ? std::error_code() : lastError();
 }
 
-std::error_code UniqueFd::close() noexcept
+std::error_code DirectoryStreamTraits::close(DIR* dir) noexcept
 {
-    const int fd = release();
-    if (fd >= 0 && ::close(fd) != 0) {
-        return lastError();
-    }
-    return {};
+    return ::closedir(dir) == 0 ? std::error_code() : lastError();
 }
 
-void UniqueDir::reset(DIR* dir) noexcept
+std::error_code MappingTraits::close(MappedRange range) noexcept
 {
-    if (theDir != nullptr) {
-        ::closedir(theDir);
-    }
-    theDir = dir;
+    return ::munmap(range.address, range.length) == 0 ? std::error_code() : lastError();
+}
+
+std::error_code LibraryTraits::close(void* library) noexcept
+{
+    // dlclose reports through dlerror, not errno.
+    return ::dlclose(library) == 0 ? std::error_code() : std::make_error_code(std::errc::io_error);
 }
 
 UniqueDir UniqueDir::fromDescriptor(UniqueFd folder, std::error_code* error)
@@ -68,7 +66,7 @@ UniqueDir UniqueDir::reading(int folderFd, std::error_code* error)
 const dirent* UniqueDir::next(std::error_code& error) noexcept
 {
     errno = 0;
-    const dirent* const entry = ::readdir(theDir);
+    const dirent* const entry = ::readdir(get());
     error = entry == nullptr && errno != 0 ? lastError() : std::error_code();
     return entry;
 }
@@ -76,24 +74,12 @@ const dirent* UniqueDir::next(std::error_code& error) noexcept
 UniqueMapping UniqueMapping::mapReadOnly(int fd, std::size_t length, std::error_code* error)
 {
     void* const address = ::mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
-    UniqueMapping mapping;
     if (address == MAP_FAILED || address == nullptr) {
         setError(error, lastError());
-        return mapping;
+        return UniqueMapping();
     }
-    mapping.theAddress = address;
-    mapping.theLength = length;
     setError(error, {});
-    return mapping;
-}
-
-void UniqueMapping::reset() noexcept
-{
-    if (theAddress != nullptr) {
-        ::munmap(theAddress, theLength);
-    }
-    theAddress = nullptr;
-    theLength = 0;
+    return UniqueMapping(MappedRange{address, length});
 }
 
 UniqueFd openFile(const std::string& path, int flags, mode_t mode, std::error_code* error)
@@ -108,6 +94,41 @@ UniqueFd openAt(int directoryFd, const std::string& path, int flags, mode_t mode
     const int fd = retryOnEintr([&] { return ::openat(directoryFd, path.c_str(), flags | O_CLOEXEC, mode); });
     setError(error, fd < 0 ? lastError() : std::error_code());
     return UniqueFd(fd);
+}
+
+UniqueFd openFolderPath(std::string_view path, std::error_code* error)
+{
+    constexpr int kResolveFlags = O_PATH | O_DIRECTORY;
+    if (path.empty()) {
+        return openAt(AT_FDCWD, ".", kResolveFlags, 0, error);
+    }
+    // Pieces shorter than PATH_MAX, cut at slashes; every piece after the
+    // first is taken relative to where the one before led (its leading
+    // slashes dropped, or it would start again from the root).
+    UniqueFd folder;
+    int base = AT_FDCWD;
+    while (!path.empty()) {
+        std::string_view piece = path;
+        if (piece.size() >= PATH_MAX) {
+            const std::string_view::size_type slash = path.rfind('/', PATH_MAX - 1);
+            if (slash == std::string_view::npos || slash == 0) {
+                setError(error, std::make_error_code(std::errc::filename_too_long));
+                return UniqueFd();
+            }
+            piece = path.substr(0, slash);
+        }
+        path.remove_prefix(piece.size());
+        while (!path.empty() && path.front() == '/') {
+            path.remove_prefix(1);
+        }
+        UniqueFd next = openAt(base, std::string(piece), kResolveFlags, 0, error);
+        if (!next.valid()) {
+            return UniqueFd();
+        }
+        folder = std::move(next);
+        base = folder.get();
+    }
+    return folder;
 }
 
 UniqueFd anonymousFile(const char* name, std::error_code* error)

@@ -2,8 +2,9 @@
 // through POSIX. Internal to platform/ (and the file hash, which must map a
 // file); everything else goes through the platform services.
 //
-// - Every descriptor is owned: UniqueFd, UniqueDir and UniqueMapping release
-//   what they hold when they go, so no early return or exception leaks one.
+// - Every descriptor is owned: UniqueFd, UniqueDir, UniqueMapping and
+//   UniqueLibrary are one owner template (UniqueHandle) and release what they
+//   hold when they go, so no early return or exception leaks one.
 // - Every descriptor opened here is close-on-exec (O_CLOEXEC is always
 //   added), so a child process started by Task inherits none of them.
 // - Interrupted calls (EINTR) are repeated; close is not (on Linux the
@@ -15,6 +16,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <dirent.h>
+#include <fcntl.h>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -41,68 +43,105 @@ auto retryOnEintr(Call&& call) -> decltype(call())
     }
 }
 
-// Owns one file descriptor (-1 for none). Move-only.
-class UniqueFd {
+// Owns one handle of a kind that Traits describes, and releases it when it
+// goes, so no early return or exception leaks one. Move-only. Traits gives
+// the handle type (`Handle`), the value that holds nothing (`invalid()`) and
+// how to release one (`close(Handle)`, answering how that ended).
+//
+// @code
+//   posix::UniqueFd fd = posix::openAt(folderFd, name, posix::kFolderFlags);
+//   if (!fd.valid()) { ... }
+//   use(fd.get());  // closed when fd goes
+// @endcode
+template <typename Traits>
+class UniqueHandle {
 public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) noexcept : theFd(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : theFd(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept
+    using Handle = typename Traits::Handle;
+
+    UniqueHandle() = default;
+    explicit UniqueHandle(Handle handle) noexcept : theHandle(handle) {}
+    UniqueHandle(UniqueHandle&& other) noexcept : theHandle(other.release()) {}
+    UniqueHandle& operator=(UniqueHandle&& other) noexcept
     {
         if (this != &other) {
             reset(other.release());
         }
         return *this;
     }
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { reset(); }
+    UniqueHandle(const UniqueHandle&) = delete;
+    UniqueHandle& operator=(const UniqueHandle&) = delete;
+    ~UniqueHandle() { reset(); }
 
-    int get() const noexcept { return theFd; }
-    bool valid() const noexcept { return theFd >= 0; }
-    // Gives up ownership without closing.
-    int release() noexcept
+    Handle get() const noexcept { return theHandle; }
+    bool valid() const noexcept { return theHandle != Traits::invalid(); }
+    // Gives up ownership without releasing.
+    Handle release() noexcept
     {
-        const int fd = theFd;
-        theFd = -1;
-        return fd;
+        const Handle handle = theHandle;
+        theHandle = Traits::invalid();
+        return handle;
     }
-    // Closes the descriptor held (ignoring how close ends) and takes `fd`.
-    void reset(int fd = -1) noexcept;
-    // Closes now and says how close ended: for a file just written, a late
+    // Releases what is held (ignoring how that ends) and takes `handle`.
+    void reset(Handle handle = Traits::invalid()) noexcept
+    {
+        if (theHandle != Traits::invalid()) {
+            static_cast<void>(Traits::close(theHandle));
+        }
+        theHandle = handle;
+    }
+    // Releases now and says how that ended: for a file just written, a late
     // write error can show only here.
-    std::error_code close() noexcept;
+    std::error_code close() noexcept
+    {
+        const Handle handle = release();
+        return handle != Traits::invalid() ? Traits::close(handle) : std::error_code();
+    }
 
 private:
-    int theFd = -1;
+    Handle theHandle = Traits::invalid();
 };
 
-// Owns one directory stream. Move-only.
-class UniqueDir {
-public:
-    UniqueDir() = default;
-    explicit UniqueDir(DIR* dir) noexcept : theDir(dir) {}
-    UniqueDir(UniqueDir&& other) noexcept : theDir(other.release()) {}
-    UniqueDir& operator=(UniqueDir&& other) noexcept
-    {
-        if (this != &other) {
-            reset(other.release());
-        }
-        return *this;
-    }
-    UniqueDir(const UniqueDir&) = delete;
-    UniqueDir& operator=(const UniqueDir&) = delete;
-    ~UniqueDir() { reset(); }
+struct DescriptorTraits {
+    using Handle = int;
+    static constexpr int invalid() noexcept { return -1; }
+    static std::error_code close(int fd) noexcept;
+};
 
-    DIR* get() const noexcept { return theDir; }
-    bool valid() const noexcept { return theDir != nullptr; }
-    DIR* release() noexcept
-    {
-        DIR* const dir = theDir;
-        theDir = nullptr;
-        return dir;
-    }
-    void reset(DIR* dir = nullptr) noexcept;
+struct DirectoryStreamTraits {
+    using Handle = DIR*;
+    static constexpr DIR* invalid() noexcept { return nullptr; }
+    static std::error_code close(DIR* dir) noexcept;
+};
+
+// A mapped range: where it begins and how long it is.
+struct MappedRange {
+    void* address = nullptr;
+    std::size_t length = 0;
+    bool operator==(const MappedRange&) const = default;
+};
+
+struct MappingTraits {
+    using Handle = MappedRange;
+    static constexpr MappedRange invalid() noexcept { return {}; }
+    static std::error_code close(MappedRange range) noexcept;
+};
+
+struct LibraryTraits {
+    using Handle = void*;
+    static constexpr void* invalid() noexcept { return nullptr; }
+    static std::error_code close(void* library) noexcept;
+};
+
+// Owns one file descriptor (-1 for none).
+using UniqueFd = UniqueHandle<DescriptorTraits>;
+
+// Owns one loaded library (a handle of dlopen; dlclose when it goes).
+using UniqueLibrary = UniqueHandle<LibraryTraits>;
+
+// Owns one directory stream.
+class UniqueDir : public UniqueHandle<DirectoryStreamTraits> {
+public:
+    using UniqueHandle::UniqueHandle;
 
     // A stream over the folder open at `folder`, which it takes over (also on
     // failure, when the descriptor is closed).
@@ -114,50 +153,25 @@ public:
     // The next entry, "." and ".." included; nullptr at the end or on
     // failure, which `error` tells apart (cleared at the end).
     const dirent* next(std::error_code& error) noexcept;
-
-private:
-    DIR* theDir = nullptr;
 };
 
-// Owns one memory mapping. Move-only.
-class UniqueMapping {
+// Owns one memory mapping.
+class UniqueMapping : public UniqueHandle<MappingTraits> {
 public:
-    UniqueMapping() = default;
-    UniqueMapping(UniqueMapping&& other) noexcept : theAddress(other.theAddress), theLength(other.theLength)
-    {
-        other.theAddress = nullptr;
-        other.theLength = 0;
-    }
-    UniqueMapping& operator=(UniqueMapping&& other) noexcept
-    {
-        if (this != &other) {
-            reset();
-            theAddress = other.theAddress;
-            theLength = other.theLength;
-            other.theAddress = nullptr;
-            other.theLength = 0;
-        }
-        return *this;
-    }
-    UniqueMapping(const UniqueMapping&) = delete;
-    UniqueMapping& operator=(const UniqueMapping&) = delete;
-    ~UniqueMapping() { reset(); }
+    using UniqueHandle::UniqueHandle;
 
     // A read-only private mapping of the first `length` bytes of the file
     // open at `fd` (mmap with PROT_READ, MAP_PRIVATE). A zero length fails
     // (EINVAL), as mmap does.
     static UniqueMapping mapReadOnly(int fd, std::size_t length, std::error_code* error = nullptr);
 
-    const unsigned char* data() const noexcept { return static_cast<const unsigned char*>(theAddress); }
-    std::size_t size() const noexcept { return theLength; }
-    bool valid() const noexcept { return theAddress != nullptr; }
-    // Unmaps (munmap) what is held.
-    void reset() noexcept;
-
-private:
-    void* theAddress = nullptr;
-    std::size_t theLength = 0;
+    const unsigned char* data() const noexcept { return static_cast<const unsigned char*>(get().address); }
+    std::size_t size() const noexcept { return get().length; }
 };
+
+// How every walk opens a folder: only as a folder, never through a final
+// link, never as a terminal (openAt adds O_CLOEXEC).
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY;
 
 // open(2) with O_CLOEXEC added to `flags`; on failure an invalid descriptor
 // and the reason in `error` (when given; cleared on success).
@@ -169,6 +183,14 @@ UniqueFd openAt(int directoryFd, const std::string& path, int flags, mode_t mode
 // A new, empty file in memory with no name in any folder (memfd_create):
 // gone with its last descriptor. `name` shows only in /proc.
 UniqueFd anonymousFile(const char* name, std::error_code* error = nullptr);
+
+// The folder that `path` leads to, resolved as the kernel resolves it (links
+// and ".." on the way followed, a final link too), opened with O_PATH: good
+// for the *at calls relative to it and for fstat, nothing else. "" is the
+// current folder. A path of any length: one longer than PATH_MAX is opened
+// piece by piece, each piece relative to the folder the one before led to,
+// which is what the kernel would give for the whole path.
+UniqueFd openFolderPath(std::string_view path, std::error_code* error = nullptr);
 
 // fstat(2) of an open descriptor.
 std::error_code statDescriptor(int fd, struct stat& info) noexcept;

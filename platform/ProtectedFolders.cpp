@@ -2,13 +2,16 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <array>
-#include <climits>
-#include <cstdlib>
+#include <fcntl.h>
 #include <functional>
-#include <memory>
+#include <unordered_set>
 
 #include "platform/Bundle.h"
+#include "platform/FolderAncestors.h"
+#include "platform/PathParts.h"
+#include "platform/PosixIO.h"
 #include "platform/User.h"
 
 namespace platform {
@@ -172,24 +175,35 @@ std::string under(const std::string& root, const std::string& path)
     return path == "/" ? root : root + path;
 }
 
-std::string withoutTrailingSlashes(std::string path)
+// Adds home/name for each of the names that exists in the folder open at
+// `folder` (the home or its Library), found relative to it.
+template <typename Names>
+void addExisting(int folder, const std::string& prefix, const Names& names, std::vector<std::string>& out)
 {
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
+    for (const char* name : names) {
+        struct stat status {};
+        if (::fstatat(folder, name, &status, 0) == 0 || ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+            out.push_back(joiningPath(prefix, name));
+        }
     }
-    return path;
 }
 
-std::optional<std::string> resolved(const std::string& path)
+// The standard folders of one home that exist.
+void addStandardFolders(const std::string& home, std::vector<std::string>& out)
 {
-    struct FreeDeleter {
-        void operator()(char* text) const noexcept { std::free(text); }
-    };
-    const std::unique_ptr<char, FreeDeleter> real(::realpath(path.c_str(), nullptr));
-    if (!real) {
-        return std::nullopt;
+    const std::string prefix(trimmingTrailingSlashes(home));
+    const posix::UniqueFd homeFd = posix::openFolderPath(prefix);
+    if (!homeFd.valid()) {
+        return;
     }
-    return std::string(real.get());
+    addExisting(homeFd.get(), prefix, kHomeFolders, out);
+    const posix::UniqueFd library = posix::openAt(homeFd.get(), "Library", O_PATH | O_DIRECTORY);
+    if (!library.valid()) {
+        return;
+    }
+    const std::string libraryPath = joiningPath(prefix, "Library");
+    addExisting(library.get(), libraryPath, kLibraryFolders, out);
+    addExisting(library.get(), libraryPath, kHomeLibraryOnlyFolders, out);
 }
 
 }  // namespace
@@ -219,16 +233,11 @@ ProtectedFolders::Lists ProtectedFolders::standardLists(const std::string& root,
     lists.homeFolders = allHomes;
     if (!runningUserHome.empty()) {
         lists.homeFolders.push_back(runningUserHome);
-        const std::string home = withoutTrailingSlashes(runningUserHome);
-        const std::string prefix = home == "/" ? std::string() : home;
-        for (const char* folder : kHomeFolders) {
-            lists.homeStandardFolders.push_back(prefix + "/" + folder);
-        }
-        for (const char* folder : kLibraryFolders) {
-            lists.homeStandardFolders.push_back(prefix + "/Library/" + folder);
-        }
-        for (const char* folder : kHomeLibraryOnlyFolders) {
-            lists.homeStandardFolders.push_back(prefix + "/Library/" + folder);
+    }
+    std::unordered_set<std::string> seen;
+    for (const std::string& home : lists.homeFolders) {
+        if (!home.empty() && seen.insert(std::string(trimmingTrailingSlashes(home))).second) {
+            addStandardFolders(home, lists.homeStandardFolders);
         }
     }
     if (bundle) {
@@ -255,8 +264,9 @@ ProtectedFolders::ProtectedFolders(const Lists& lists)
     }
     for (const auto& path : lists.systemTrees) {
         add(path, kSystemReason);
-        if (auto tree = resolved(path)) {
-            theTrees.push_back(withoutTrailingSlashes(std::move(*tree)));
+        struct stat status {};
+        if (::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+            theTrees.push_back(Identity{status.st_dev, status.st_ino});
         }
     }
     for (const auto& path : lists.bundles) {
@@ -283,62 +293,27 @@ void ProtectedFolders::add(const std::string& path, RemovalRefusal reason)
     }
 }
 
-std::error_code ProtectedFolders::refusal(dev_t device, ino_t inode, const std::string& resolvedPath) const
+std::error_code ProtectedFolders::refusal(dev_t device, ino_t inode) const
 {
     const auto found = theReasons.find(Identity{device, inode});
-    if (found != theReasons.end()) {
-        return found->second;
-    }
-    for (const auto& tree : theTrees) {
-        if (resolvedPath.size() > tree.size() && resolvedPath.compare(0, tree.size(), tree) == 0 &&
-            (resolvedPath[tree.size()] == '/' || tree == "/")) {
-            return kSystemReason;
-        }
-    }
-    return {};
+    return found != theReasons.end() ? std::error_code(found->second) : std::error_code();
 }
 
-std::optional<std::string> ProtectedFolders::reasonToRefuse(dev_t device, ino_t inode,
-                                                            const std::string& resolvedPath) const
+std::error_code ProtectedFolders::placeRefusal(int folderFd) const
 {
-    if (const std::error_code reason = refusal(device, inode, resolvedPath)) {
-        return reason.message();
+    if (theTrees.empty()) {
+        return {};
     }
-    return std::nullopt;
-}
-
-std::optional<std::string> ProtectedFolders::reasonToRefusePath(const std::string& path) const
-{
-    std::string trimmed = withoutTrailingSlashes(path);
-    if (trimmed.empty()) {
-        return std::nullopt;
+    bool inside = false;
+    const std::error_code climbError = FolderAncestors::climb(folderFd, [&](int, const struct stat& folder) {
+        const Identity identity{folder.st_dev, folder.st_ino};
+        inside = std::find(theTrees.begin(), theTrees.end(), identity) != theTrees.end();
+        return !inside;
+    });
+    if (inside) {
+        return kSystemReason;
     }
-    std::string resolvedPath(1, '/');
-    if (trimmed != "/") {
-        const auto slash = trimmed.rfind('/');
-        const std::string folder =
-            slash == std::string::npos ? std::string(".") : (slash == 0 ? std::string("/") : trimmed.substr(0, slash));
-        const std::string name = slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
-        auto resolvedFolder = resolved(folder);
-        if (!resolvedFolder) {
-            return std::nullopt;
-        }
-        if (name == "." || name == "..") {
-            // Not a name of its own: the folder it stands for is the item.
-            auto item = resolved(trimmed);
-            if (!item) {
-                return std::nullopt;
-            }
-            resolvedPath = std::move(*item);
-        } else {
-            resolvedPath = *resolvedFolder == "/" ? "/" + name : *resolvedFolder + "/" + name;
-        }
-    }
-    struct stat status {};
-    if (::lstat(resolvedPath.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return reasonToRefuse(status.st_dev, status.st_ino, resolvedPath);
+    return climbError;
 }
 
 }  // namespace platform

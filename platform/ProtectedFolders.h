@@ -1,9 +1,10 @@
 // The folders that removing a folder with its contents must never remove:
 // "/" and the system's top-level folders with their standard sub-folders (both
 // the macOS-style and the Linux layout), everything below /System, every
-// account's home folder, the standard folders in the running user's home, and
-// the running program's own bundle. Only these folders themselves are
-// protected, never what is inside them.
+// account's home folder and the standard folders in it, and the running
+// program's own bundle. Only these folders themselves are protected, not
+// what else is inside them; a walk that removes a folder keeps each of them
+// it meets inside (TreeRemover.h).
 //
 // The test is on identity, not text: each protected folder that exists is
 // recorded by device and inode (both of the folder a link leads to and of the
@@ -42,32 +43,31 @@ public:
     // The lists of this system with every system path placed under root ("" for
     // the real root; a test gives a temporary folder), for the given homes of
     // all accounts, the running user's home and the running program's bundle.
+    // The standard folders of every home are listed where they exist (each
+    // home is opened once and its standard names looked up relative to it).
     static Lists standardLists(const std::string& root, const std::vector<std::string>& allHomes,
                                const std::string& runningUserHome, const std::optional<std::string>& bundle);
 
     // Records the identities of the listed folders that exist now.
     explicit ProtectedFolders(const Lists& lists);
 
-    // Why the item with this device and inode, found at resolvedPath (its
-    // folder resolved: no link or "." or ".." left in it), must not be
-    // removed; none when it may be. Costs one hash lookup and a text
-    // comparison per protected tree.
-    std::optional<std::string> reasonToRefuse(dev_t device, ino_t inode, const std::string& resolvedPath) const;
+    // Why the item with this device and inode must not be removed or
+    // changed (a RemovalRefusal); empty when it is none of the protected
+    // folders themselves. One hash lookup: what a walk asks of every folder
+    // it meets, and the permission repair of every folder it would change.
+    std::error_code refusal(dev_t device, ino_t inode) const;
 
-    // The same as an error of RemovalRefusal (empty when the item may go),
-    // for a walk that already holds the identity. resolvedPath is only looked
-    // at when a protected tree exists (needsResolvedPath()), so a caller may
-    // leave it empty otherwise and spare the work of resolving it.
-    std::error_code refusal(dev_t device, ino_t inode, const std::string& resolvedPath) const;
+    // Why nothing in the folder open at `folderFd` (or AT_FDCWD) may be
+    // removed: it is a protected tree or lies below one (SystemFolder). The
+    // folder's place is found by climbing through ".." from the descriptor
+    // (FolderAncestors.h), never from text, so a link, a ".." or a path
+    // longer than PATH_MAX on the caller's way makes no difference. When the
+    // climb cannot go on, its reason: the caller refuses then (fail closed).
+    // Empty, without a climb, when no protected tree exists.
+    std::error_code placeRefusal(int folderFd) const;
 
-    // Whether refusal() needs the resolved path: only a protected tree (a
-    // folder with everything below it) is judged by its path.
-    bool needsResolvedPath() const noexcept { return !theTrees.empty(); }
-
-    // The same for a path: its folder is resolved (links and ".." followed) and
-    // its last component examined without following a link. None also when
-    // the item does not exist (nothing to protect then).
-    std::optional<std::string> reasonToRefusePath(const std::string& path) const;
+    // Whether a protected tree exists, so placeRefusal has to climb.
+    bool hasTrees() const noexcept { return !theTrees.empty(); }
 
     // How many distinct identities are recorded.
     std::size_t size() const noexcept { return theReasons.size(); }
@@ -85,7 +85,7 @@ private:
     void add(const std::string& path, RemovalRefusal reason);
 
     std::unordered_map<Identity, RemovalRefusal, IdentityHash> theReasons;
-    std::vector<std::string> theTrees;  // resolved, without a trailing slash
+    std::vector<Identity> theTrees;
 };
 
 }  // namespace platform

@@ -1,18 +1,17 @@
 #include "platform/TreeRemover.h"
 
+#include "platform/DirectoryEntries.h"
+#include "platform/FolderCache.h"
 #include "platform/MountPoint.h"
+#include "platform/PathParts.h"
 #include "platform/PosixIO.h"
 #include "platform/ProtectedFolders.h"
 #include "platform/RemovalRefusal.h"
 
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <optional>
-#include <dirent.h>
+#include <string_view>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,9 +22,6 @@ namespace platform {
 namespace {
 
 namespace posix = platform::posix;
-
-// A folder is opened only as a folder and never through a link.
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NOCTTY;
 
 std::error_code reasonOf(std::errc value)
 {
@@ -44,11 +40,6 @@ struct Frame {
     bool failedInside = false;            // something in it stayed
 };
 
-bool isDotOrDotDot(const char* name)
-{
-    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
 bool isSingleComponent(const std::string& name)
 {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
@@ -58,38 +49,6 @@ bool isRootFolder(const struct stat& item)
 {
     struct stat root {};
     return ::stat("/", &root) == 0 && root.st_dev == item.st_dev && root.st_ino == item.st_ino;
-}
-
-std::string joinPath(const std::string& folder, const std::string& name)
-{
-    if (folder.empty()) {
-        return name;
-    }
-    return folder.back() == '/' ? folder + name : folder + "/" + name;
-}
-
-// Where the folder open at directoryFd really is (links and ".." resolved);
-// "" when it cannot be told.
-std::string resolvedFolderPath(int directoryFd)
-{
-    if (directoryFd == AT_FDCWD) {
-        std::array<char, PATH_MAX> buffer{};
-        return ::getcwd(buffer.data(), buffer.size()) != nullptr ? std::string(buffer.data()) : std::string();
-    }
-    std::array<char, PATH_MAX> buffer{};
-    const std::string link = "/proc/self/fd/" + std::to_string(directoryFd);
-    const ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size() - 1);
-    return length > 0 ? std::string(buffer.data(), static_cast<std::size_t>(length)) : std::string();
-}
-
-// The same for a path's folder ("" when it cannot be resolved).
-std::string resolvedPathOf(const std::string& path)
-{
-    struct FreeDeleter {
-        void operator()(char* text) const noexcept { std::free(text); }
-    };
-    const std::unique_ptr<char, FreeDeleter> real(::realpath(path.c_str(), nullptr));
-    return real ? std::string(real.get()) : std::string();
 }
 
 // The path with every run of slashes made one, for reporting a refused text.
@@ -109,7 +68,7 @@ std::string pathOf(const std::vector<Frame>& stack, const std::string& displayPa
 {
     std::string path = displayPath;
     for (std::size_t i = 1; i < stack.size(); ++i) {
-        path = joinPath(path, stack[i].name);
+        path = joiningPath(path, stack[i].name);
     }
     return path;
 }
@@ -149,128 +108,108 @@ private:
 namespace {
 
 // Reads the folder open at `fd` once: unlinks every entry that is not a
-// folder at once and keeps the names of its subfolders on the same device.
-// A mount point (a subfolder on another device) stays, as does every entry
-// that cannot be removed; each is reported. False when something stayed.
+// folder at once and keeps the names of its subfolders, which are judged when
+// they are opened. What cannot be removed stays and is reported. False when
+// something stayed.
 template <typename Walk, typename FolderPath>
-bool readFolder(int fd, dev_t device, std::vector<std::string>& subfolders, const FolderPath& folderPath, Walk& walk)
+bool readFolder(int fd, std::vector<std::string>& subfolders, const FolderPath& folderPath, Walk& walk)
 {
     bool complete = true;
-    const auto fail = [&](const char* name, std::error_code reason) {
+    const auto fail = [&](std::string_view name, std::error_code reason) {
         complete = false;
-        walk.fail(name == nullptr ? folderPath() : joinPath(folderPath(), name), reason);
+        walk.fail(name.empty() ? folderPath() : joiningPath(folderPath(), name), reason);
     };
-    std::error_code error;
-    posix::UniqueDir dir = posix::UniqueDir::reading(fd, &error);
-    if (!dir.valid()) {
-        fail(nullptr, error);
-        return false;
-    }
-    for (;;) {
-        const dirent* entry = dir.next(error);
-        if (entry == nullptr) {
-            if (error) {
-                fail(nullptr, error);
-            }
-            break;
-        }
-        const char* name = entry->d_name;
-        if (isDotOrDotDot(name)) {
+    DirectoryEntries entries(fd);
+    while (const auto entry = entries.next()) {
+        const std::string name(entry->name);
+        if (entry->type == DirectoryEntries::Type::Folder) {
+            subfolders.push_back(name);
             continue;
         }
-        if (entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN) {
-            struct stat st {};
-            if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-                if (errno != ENOENT) {
-                    fail(name, posix::lastError());
-                }
-                continue;
-            }
-            if (S_ISDIR(st.st_mode)) {
-                if (st.st_dev == device) {
-                    // A mount of the same disk is caught when it is opened.
-                    subfolders.emplace_back(name);
-                } else {
-                    fail(name, RemovalRefusal::MountPoint);
-                }
-                continue;
-            }
-        }
-        if (::unlinkat(fd, name, 0) != 0 && errno != ENOENT) {
+        if (::unlinkat(fd, name.c_str(), 0) != 0 && errno != ENOENT) {
             if (errno == EISDIR) {
-                // Became a folder since it was read; it is checked when opened.
-                subfolders.emplace_back(name);
+                // Became a folder since it was read; it is judged when opened.
+                subfolders.push_back(name);
             } else {
                 fail(name, posix::lastError());
             }
         }
     }
+    if (entries.error()) {
+        fail({}, entries.error());
+    }
     return complete;
 }
-
-// A folder reached as usual (a link on the way is followed); "" is the
-// current folder, which must never be closed.
-class FolderHandle {
-public:
-    explicit FolderHandle(const std::string& path) : theCurrent(path.empty())
-    {
-        if (!theCurrent) {
-            theFd = posix::openFile(path, O_RDONLY | O_DIRECTORY | O_NOCTTY, 0, &theError);
-        }
-    }
-    int get() const noexcept { return theCurrent ? AT_FDCWD : theFd.get(); }
-    bool valid() const noexcept { return theCurrent || theFd.valid(); }
-    // Why the folder could not be reached.
-    std::error_code error() const noexcept { return theError; }
-    // Steps into the entry `name` without following a link.
-    void descend(const std::string& name)
-    {
-        posix::UniqueFd next = posix::openAt(get(), name, kFolderFlags, 0, &theError);
-        theCurrent = false;
-        theFd = std::move(next);
-    }
-
-private:
-    bool theCurrent;
-    posix::UniqueFd theFd;
-    std::error_code theError;
-};
 
 }  // namespace
 
 bool TreeRemover::removeEntry(int directoryFd, const std::string& name, std::error_code* error) const
 {
     Walk walk(theFailureHandler, error);
-    return removeEntry(directoryFd, name, name, walk);
+    return removeEntry(directoryFd, name, name, walk, nullptr);
 }
 
-bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const std::string& displayPath,
-                              Walk& walk) const
+bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const std::string& displayPath, Walk& walk,
+                              FolderCache::Resolved* cache) const
 {
     if (!isSingleComponent(name)) {
         walk.fail(displayPath, reasonOf(std::errc::invalid_argument));
         return false;
     }
+    // The item as it is in the folder already resolved: this descriptor and
+    // this name are what is judged and what is acted on, nothing else.
+    std::optional<struct stat> remembered = cache != nullptr ? cache->takeStatus(name) : std::nullopt;
     struct stat item {};
-    if (::fstatat(directoryFd, name.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (remembered) {
+        item = *remembered;
+    } else if (::fstatat(directoryFd, name.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) {
         walk.fail(displayPath, posix::lastError());
         return false;
     }
-    // The item as it really is, whatever way the caller's path took to it.
     const ProtectedFolders& guard = protectedFolders();
-    const std::error_code refusal =
-        guard.refusal(item.st_dev, item.st_ino,
-                      guard.needsResolvedPath() ? joinPath(resolvedFolderPath(directoryFd), name) : std::string());
-    if (refusal) {
+    if (const std::error_code refusal = guard.refusal(item.st_dev, item.st_ino)) {
         walk.fail(displayPath, refusal);
         return false;
     }
+    // Where the folder really lies: once per folder when it is kept.
+    std::optional<std::error_code> place = cache != nullptr ? cache->place : std::nullopt;
+    if (!place) {
+        place = guard.placeRefusal(directoryFd);
+        if (cache != nullptr) {
+            cache->place = place;
+        }
+    }
+    if (*place) {
+        walk.fail(displayPath, *place);
+        return false;
+    }
     if (!S_ISDIR(item.st_mode)) {
-        if (::unlinkat(directoryFd, name.c_str(), 0) != 0) {
+        // unlinkat without AT_REMOVEDIR never removes a folder, so acting on
+        // a status seen a moment ago is safe: a folder put in its place
+        // answers EISDIR and is looked at afresh below.
+        if (::unlinkat(directoryFd, name.c_str(), 0) == 0) {
+            if (S_ISLNK(item.st_mode)) {
+                // A link gone may change what a folder text leads to.
+                FolderCache::invalidateAll();
+            }
+            return true;
+        }
+        if (errno != EISDIR) {
             walk.fail(displayPath, posix::lastError());
             return false;
         }
-        return true;
+        if (::fstatat(directoryFd, name.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) {
+            walk.fail(displayPath, posix::lastError());
+            return false;
+        }
+        if (const std::error_code refusal = guard.refusal(item.st_dev, item.st_ino)) {
+            walk.fail(displayPath, refusal);
+            return false;
+        }
+        if (!S_ISDIR(item.st_mode)) {
+            walk.fail(displayPath, reasonOf(std::errc::operation_canceled));
+            return false;
+        }
     }
     if (isRootFolder(item)) {
         walk.fail(displayPath, reasonOf(std::errc::invalid_argument));
@@ -282,6 +221,14 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const st
         walk.fail(displayPath, mountRoot ? RemovalRefusal::MountPoint : RemovalRefusal::UnknownMount);
         return false;
     }
+    // Whatever way the walk ends (a callback may throw), folders may have
+    // gone, which may change what a folder text leads to.
+    struct Invalidation {
+        Invalidation() = default;
+        Invalidation(const Invalidation&) = delete;
+        Invalidation& operator=(const Invalidation&) = delete;
+        ~Invalidation() { FolderCache::invalidateAll(); }
+    } const invalidation;
     removeFolder(directoryFd, name, displayPath, item.st_dev, item.st_ino, walk);
     return !walk.failed();
 }
@@ -295,7 +242,7 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
                                ino_t inode, Walk& walk) const
 {
     std::error_code error;
-    posix::UniqueFd topFd = posix::openAt(parentFd, name, kFolderFlags, 0, &error);
+    posix::UniqueFd topFd = posix::openAt(parentFd, name, posix::kFolderFlags, 0, &error);
     if (!topFd.valid()) {
         walk.fail(displayPath, error);
         return;
@@ -322,10 +269,11 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
     const auto currentPath = [&stack, &displayPath] { return pathOf(stack, displayPath); };
     const auto failInCurrent = [&](const std::string& child, std::error_code reason) {
         stack.back().failedInside = true;
-        walk.fail(joinPath(currentPath(), child), reason);
+        walk.fail(joiningPath(currentPath(), child), reason);
     };
+    const ProtectedFolders& guard = protectedFolders();
     stack.push_back(Frame{std::move(topFd), device, inode, name, {}, false});
-    stack.back().failedInside = !readFolder(stack.back().fd.get(), device, stack.back().subfolders, currentPath, walk);
+    stack.back().failedInside = !readFolder(stack.back().fd.get(), stack.back().subfolders, currentPath, walk);
 
     while (!stack.empty()) {
         if (!stack.back().subfolders.empty()) {
@@ -335,7 +283,7 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
             if (theBeforeOpeningFolder) {
                 theBeforeOpeningFolder(folderFd, child);
             }
-            posix::UniqueFd childFd = posix::openAt(folderFd, child, kFolderFlags, 0, &error);
+            posix::UniqueFd childFd = posix::openAt(folderFd, child, posix::kFolderFlags, 0, &error);
             if (!childFd.valid()) {
                 if (error == std::errc::too_many_symbolic_link_levels || error == std::errc::not_a_directory) {
                     // Replaced by a link or a file since it was read: that
@@ -353,6 +301,12 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
                 failInCurrent(child, statError);
                 continue;
             }
+            // The guard at every level: a protected folder met inside stays
+            // with all it holds, and so do the folders above it.
+            if (const std::error_code refusal = guard.refusal(st.st_dev, st.st_ino)) {
+                failInCurrent(child, refusal);
+                continue;
+            }
             if (st.st_dev != device || MountPoint::mountIdOf(childFd.get()) != mount) {
                 failInCurrent(child, RemovalRefusal::MountPoint);
                 continue;
@@ -363,8 +317,7 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
             if (stack.size() > theOpenAncestors + 1) {
                 stack[stack.size() - theOpenAncestors - 2].fd.reset();
             }
-            stack.back().failedInside =
-                !readFolder(stack.back().fd.get(), device, stack.back().subfolders, currentPath, walk);
+            stack.back().failedInside = !readFolder(stack.back().fd.get(), stack.back().subfolders, currentPath, walk);
             continue;
         }
 
@@ -375,7 +328,7 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
         if (!stack.empty()) {
             Frame& parent = stack.back();
             if (!parent.fd.valid()) {
-                posix::UniqueFd up = posix::openAt(done.fd.get(), "..", kFolderFlags);
+                posix::UniqueFd up = posix::openAt(done.fd.get(), "..", posix::kFolderFlags);
                 struct stat upStat {};
                 if (!up.valid() || posix::statDescriptor(up.get(), upStat) || upStat.st_dev != parent.device ||
                     upStat.st_ino != parent.inode) {
@@ -400,7 +353,7 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
             // A folder that stays because something in it stayed is not a
             // failure of its own.
             if (!done.failedInside) {
-                walk.fail(stack.empty() ? displayPath : joinPath(currentPath(), done.name), reason);
+                walk.fail(stack.empty() ? displayPath : joiningPath(currentPath(), done.name), reason);
             }
         }
     }
@@ -409,28 +362,27 @@ void TreeRemover::removeFolder(int parentFd, const std::string& name, const std:
 bool TreeRemover::removePath(const std::string& path, std::error_code* error) const
 {
     Walk walk(theFailureHandler, error);
-    std::string trimmed = path;
-    while (trimmed.size() > 1 && trimmed.back() == '/') {
-        trimmed.pop_back();
-    }
+    const std::string trimmed(trimmingTrailingSlashes(path));
+    const FolderAndName parts = splitFolderAndName(trimmed);
     if (trimmed.empty() || trimmed == "/") {
         walk.fail(path, reasonOf(std::errc::invalid_argument));
         return false;
     }
-    const std::string::size_type slash = trimmed.rfind('/');
-    const std::string name = slash == std::string::npos ? trimmed : trimmed.substr(slash + 1);
-    const std::string folder =
-        slash == std::string::npos ? std::string() : (slash == 0 ? std::string("/") : trimmed.substr(0, slash));
-    if (!isSingleComponent(name)) {
+    if (!isSingleComponent(parts.name)) {
         walk.fail(trimmed, reasonOf(std::errc::invalid_argument));
         return false;
     }
-    const FolderHandle parent(folder);
-    if (!parent.valid()) {
-        walk.fail(trimmed, parent.error());
+    // The set is built before a folder is taken from the cache: building it
+    // looks at paths of its own.
+    static_cast<void>(protectedFolders());
+    bool opened = false;
+    std::error_code reason;
+    const FolderCache::Folder folder = FolderCache::ofThisThread().folder(parts.folder, opened, &reason);
+    if (!folder) {
+        walk.fail(trimmed, reason);
         return false;
     }
-    return removeEntry(parent.get(), name, trimmed, walk);
+    return removeEntry(folder->fd.get(), parts.name, trimmed, walk, folder.get());
 }
 
 bool TreeRemover::removeRelative(const std::string& folder, const std::string& relative, std::error_code* error) const
@@ -454,59 +406,44 @@ bool TreeRemover::removeRelative(const std::string& folder, const std::string& r
         // Nothing but slashes names the folder itself: say so when it is a
         // protected one ("/").
         std::error_code reason = reasonOf(std::errc::invalid_argument);
-        struct stat named {};
-        if (!refused && ::stat(folder.empty() ? "." : folder.c_str(), &named) == 0) {
-            if (const std::error_code refusal =
-                    protectedFolders().refusal(named.st_dev, named.st_ino, resolvedPathOf(folder))) {
+        const posix::UniqueFd named = refused ? posix::UniqueFd() : posix::openFolderPath(folder);
+        struct stat status {};
+        if (named.valid() && !posix::statDescriptor(named.get(), status)) {
+            if (const std::error_code refusal = protectedFolders().refusal(status.st_dev, status.st_ino)) {
                 reason = refusal;
             }
         }
-        walk.fail(withSingleSlashes(joinPath(folder, relative)), reason);
+        walk.fail(withSingleSlashes(joiningPath(folder, relative)), reason);
         return false;
     }
     std::string displayPath = folder;
     for (const std::string& component : components) {
-        displayPath = joinPath(displayPath, component);
+        displayPath = joiningPath(displayPath, component);
     }
-    if (components.size() == 1) {
-        // Anything but a folder goes with one unlink of its full path (the
-        // last component is never followed), once the guard has seen its
-        // identity: a protected link ("/lib") would go with that unlink.
-        // Only folders need the walk below.
-        struct stat item {};
-        if (::fstatat(AT_FDCWD, displayPath.c_str(), &item, AT_SYMLINK_NOFOLLOW) != 0) {
-            walk.fail(displayPath, posix::lastError());
-            return false;
-        }
-        if (!S_ISDIR(item.st_mode)) {
-            const ProtectedFolders& guard = protectedFolders();
-            const std::error_code refusal = guard.refusal(
-                item.st_dev, item.st_ino,
-                guard.needsResolvedPath() ? joinPath(resolvedPathOf(folder.empty() ? "." : folder), components[0])
-                                          : std::string());
-            if (refusal) {
-                walk.fail(displayPath, refusal);
-                return false;
-            }
-            if (::unlinkat(AT_FDCWD, displayPath.c_str(), 0) == 0) {
-                return true;
-            }
-            if (errno != EISDIR) {
-                // EISDIR: became a folder since it was looked at.
-                walk.fail(displayPath, posix::lastError());
-                return false;
-            }
-        }
-    }
-    FolderHandle current(folder);
-    for (std::size_t i = 0; current.valid() && i + 1 < components.size(); ++i) {
-        current.descend(components[i]);
-    }
-    if (!current.valid()) {
-        walk.fail(displayPath, current.error());
+    static_cast<void>(protectedFolders());
+    bool opened = false;
+    std::error_code reason;
+    const FolderCache::Folder resolved = FolderCache::ofThisThread().folder(folder, opened, &reason);
+    if (!resolved) {
+        walk.fail(displayPath, reason);
         return false;
     }
-    return removeEntry(current.get(), components.back(), displayPath, walk);
+    const int top = resolved->fd.get();
+    if (components.size() == 1) {
+        return removeEntry(top, components.back(), displayPath, walk, resolved.get());
+    }
+    // Further down without following a link.
+    posix::UniqueFd current;
+    for (std::size_t i = 0; i + 1 < components.size(); ++i) {
+        posix::UniqueFd next =
+            posix::openAt(current.valid() ? current.get() : top, components[i], posix::kFolderFlags, 0, &reason);
+        if (!next.valid()) {
+            walk.fail(displayPath, reason);
+            return false;
+        }
+        current = std::move(next);
+    }
+    return removeEntry(current.get(), components.back(), displayPath, walk, nullptr);
 }
 
 }  // namespace platform

@@ -1,30 +1,50 @@
-// Removal of a file-system item with everything in it, as safe as `rm -r`.
-// This is the one statement of the destroy contract; FileManager's
-// removeItemAtPath and Workspace's destroy operation both remove through it.
+// Removal of a file-system item with everything in it, as safe as `rm -r`
+// and safer where rm is racy. This is the one statement of the destroy
+// contract; FileManager's removeItemAtPath and Workspace's destroy operation
+// both remove through it.
 //
+// - One way from a path to an act: the item's folder is resolved once to a
+//   descriptor (links and ".." on the way followed, as the kernel does; a
+//   path of any length, opened piece by piece when it is longer than
+//   PATH_MAX), the item is examined relative to that descriptor without
+//   following it (fstatat AT_SYMLINK_NOFOLLOW), judged, and removed relative
+//   to the same descriptor (unlinkat, or for a folder openat with
+//   O_NOFOLLOW | O_DIRECTORY, checked to be the folder judged, then the
+//   walk). No path is resolved a second time after it was judged, so a
+//   folder on the way swapped for a link meanwhile cannot redirect the act;
 // - a symbolic link is unlinked itself, never followed;
 // - the walk works relative to open directory descriptors (openat with
-//   O_NOFOLLOW | O_DIRECTORY, fstatat without following, unlinkat), so a
-//   folder swapped for a link while the walk runs cannot redirect it;
+//   O_NOFOLLOW | O_DIRECTORY, unlinkat), so a folder swapped for a link while
+//   the walk runs cannot redirect it;
 // - it never leaves the item's mount: a mount point inside the item (or the
 //   item itself being one) stays, and the result is false. A mount is
 //   recognised by its mount (MountPoint.h), not by its device number, so a
 //   bind mount of the same disk stays too;
 // - it refuses "/" itself and the names "", "." and "..";
 // - it refuses the protected folders (ProtectedFolders.h: "/", the system's
-//   folders, every home folder, the standard folders of the running user's
-//   home, the running program's bundle). The item is judged by what would
-//   really be removed: its folder is reached as the walk reaches it (links
-//   and ".." on the way followed) and the item itself, never followed, is
-//   compared by device and inode. A link is only the link, so it goes unless
-//   the link itself is protected ("/lib"). Nothing in a refused item is
-//   touched. The set is built once per process; the check costs a hash
-//   lookup per item named by the caller, nothing per entry of the walk;
+//   folders, everything below a protected tree such as /System, every
+//   account's home folder and the standard folders in it, the running
+//   program's bundle). The item itself is compared by device and inode; its
+//   folder's place (below a protected tree or not) is found by climbing
+//   through ".." from the folder's descriptor, never from text. A link is
+//   only the link, so it goes unless the link itself is protected ("/lib");
+// - the guard works at every level: each folder the walk opens is compared
+//   with the protected set (one hash lookup per folder). A protected folder
+//   met inside stays with everything in it, and so do the folders above it
+//   up to the item; it is reported with its own path and reason;
+// - it fails closed: an item whose folder cannot be resolved, or whose place
+//   cannot be told (a climb that cannot go on), is refused with the reason;
+//   nothing unknown is taken as allowed;
 // - it has no depth limit: the walk is iterative, keeps only a small window
 //   of descriptors open and climbs back up through "..", checking that each
 //   folder it climbs into is the one it came down from;
 // - what it cannot remove leaves the result false, and the walk goes on
 //   with the rest.
+//
+// Cost: an existing file named by its folder and name costs one fstatat and
+// one unlinkat when its folder was resolved for the item before (the folder
+// is kept open for the next item of the same folder text, and the existence
+// check's look at the item is reused; FolderCache.h).
 //
 // Memory stays small: a folder's files are unlinked while it is read, and
 // only the names of its subfolders are kept until they are walked.
@@ -48,6 +68,9 @@
 //             protected system folder", "a home folder", "a standard folder
 //             of the home folder", "the running program's bundle"), and it
 //             compares equal to std::errc::operation_not_permitted;
+//             A protected folder met inside the item is reported with its
+//             own path ("/opt/Vendor/Support/Tool.app: the running
+//             program's bundle");
 //           - RemovalRefusal::MountPoint ("a mount point") for a mount point,
 //             inside the item or the item itself: it stays as it is. It
 //             compares equal to std::errc::device_or_resource_busy, as does
@@ -66,6 +89,8 @@
 #include <sys/types.h>
 #include <system_error>
 #include <utility>
+
+#include "platform/FolderCache.h"
 
 namespace platform {
 
@@ -88,8 +113,9 @@ public:
     bool removeEntry(int directoryFd, const std::string& name, std::error_code* error = nullptr) const;
 
     // Removes the item at `path` with everything in it. The folders leading
-    // to it are reached as usual; its final component is never followed.
-    // Refuses "", "/" and a path whose last component is "." or "..".
+    // to it are reached as usual (once); its final component is never
+    // followed. Refuses "", "/" and a path whose last component is "." or
+    // "..". Trailing slashes do not count.
     bool removePath(const std::string& path, std::error_code* error = nullptr) const;
 
     // Removes `relative` below the folder `folder` ("" for the current
@@ -120,7 +146,8 @@ private:
 
     const ProtectedFolders& protectedFolders() const;
 
-    bool removeEntry(int directoryFd, const std::string& name, const std::string& displayPath, Walk& walk) const;
+    bool removeEntry(int directoryFd, const std::string& name, const std::string& displayPath, Walk& walk,
+                     FolderCache::Resolved* cache) const;
     void removeFolder(int parentFd, const std::string& name, const std::string& displayPath, dev_t device, ino_t inode,
                       Walk& walk) const;
 

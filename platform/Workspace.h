@@ -55,8 +55,9 @@ public:
 
     // Only clearing is supported (image = nullptr): a folder's custom icon is
     // the file "Icon\r" inside it. True when no custom icon remains (also when
-    // there was none); false when it could not be removed or the path is
-    // neither a file nor a folder.
+    // there was none, or the path names a file or a link); false when it
+    // could not be removed or the path is neither. The item is never followed:
+    // a link in the folder's place is a link, and nothing is removed through it.
     virtual bool setIcon(std::nullptr_t image, const std::string& path, unsigned options);
 
 protected:

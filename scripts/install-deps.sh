@@ -10,6 +10,7 @@ packages=(
     clang-tidy                            # the static checks of the test script
     openssl                               # the digest oracle of the tests and bench/hash's baseline
     coreutils findutils util-linux time   # sha256sum, xargs, setpriv/unshare, /usr/bin/time
+    strace                                # the system-call counts of a test and bench/remove
     dpkg-dev lintian                      # the Debian package: its library dependencies and its checks
     man-db                                # the manual pages' format check
 )

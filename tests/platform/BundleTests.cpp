@@ -3,9 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <string>
 
 #include "platform/PropertyList.h"
+#include "platform/ProtectedFolders.h"
+#include "platform/RemovalRefusal.h"
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/RunCopyOfSelf.h"
 #include "tests/support/TempDir.h"
 
@@ -227,6 +235,42 @@ TEST(BundleTest, MainBundleOfAnExecutableInContentsMacOSIsTheApp)
     EXPECT_EQ(testsupport::runRunningTestIn(app + "/Contents/MacOS/probe",
                                             {std::string(kExpectedMainBundleVariable) + "=" + app}),
               0);
+}
+
+bool sameItem(const std::string& a, const std::string& b)
+{
+    struct stat first {};
+    struct stat second {};
+    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+TEST(BundleWithoutProc, TheMainBundleIsFoundAndProtectedWithoutProc)
+{
+    // Not in an X.app: the bundle is the executable's folder.
+    const std::string expected = std::filesystem::path(testsupport::runningExecutable()).parent_path().string();
+    const int status = testsupport::runInChild(
+        [] {
+            return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                   ::umount2("/proc", MNT_DETACH) == 0;
+        },
+        [&expected] {
+            char buffer[16];
+            if (::readlink("/proc/self/exe", buffer, sizeof buffer) >= 0) {
+                return 1;  // /proc is still there
+            }
+            const std::optional<Bundle> main = Bundle::mainBundle();
+            if (!main || !sameItem(main->bundlePath(), expected)) {
+                return 2;
+            }
+            struct stat folder {};
+            if (::lstat(expected.c_str(), &folder) != 0) {
+                return 3;
+            }
+            const std::error_code refusal = platform::ProtectedFolders::shared().refusal(folder.st_dev, folder.st_ino);
+            return refusal == platform::RemovalRefusal::RunningBundle ? 0 : 4;
+        });
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -306,4 +306,63 @@ TEST(PosixLeaks, NothingStaysOpenAfterTheFileServices)
     EXPECT_EQ(openDescriptorCount(), before);
 }
 
+// A handle kind of the test's own: each release is counted.
+struct CountedTraits {
+    using Handle = int;
+    static int released;
+    static constexpr int invalid() noexcept { return 0; }
+    static std::error_code close(int handle) noexcept
+    {
+        released += handle;
+        return handle == 13 ? std::make_error_code(std::errc::io_error) : std::error_code();
+    }
+};
+int CountedTraits::released = 0;
+
+TEST(UniqueHandle, ReleasesWhatItHoldsOnceWhateverWayItGoes)
+{
+    using Counted = platform::posix::UniqueHandle<CountedTraits>;
+    CountedTraits::released = 0;
+    {
+        Counted one(1);
+        Counted moved(std::move(one));
+        EXPECT_FALSE(one.valid());  // NOLINT(bugprone-use-after-move): a moved-from handle holds nothing
+        EXPECT_EQ(moved.get(), 1);
+    }
+    EXPECT_EQ(CountedTraits::released, 1);
+    Counted two(2);
+    two.reset(4);
+    EXPECT_EQ(CountedTraits::released, 3);
+    Counted eight(8);
+    two = std::move(eight);
+    EXPECT_EQ(CountedTraits::released, 7);
+    EXPECT_EQ(two.release(), 8);
+    EXPECT_EQ(CountedTraits::released, 7);
+    Counted failing(13);
+    EXPECT_EQ(failing.close(), std::errc::io_error);
+    EXPECT_FALSE(failing.valid());
+    EXPECT_FALSE(failing.close());
+    EXPECT_EQ(CountedTraits::released, 20);
+}
+
+TEST(UniqueHandle, DescriptorsStreamsAndMappingsAreOwnersOfOneKind)
+{
+    TempDir dir;
+    writeFile(dir.at("file"), "abc");
+    const int before = openDescriptorCount();
+    {
+        platform::posix::UniqueFd fd = platform::posix::openFile(dir.at("file"), O_RDONLY);
+        ASSERT_TRUE(fd.valid());
+        const platform::posix::UniqueMapping mapping = platform::posix::UniqueMapping::mapReadOnly(fd.get(), 3);
+        ASSERT_TRUE(mapping.valid());
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(mapping.data()), mapping.size()), "abc");
+        platform::posix::UniqueDir stream = platform::posix::UniqueDir::fromDescriptor(
+            platform::posix::openFile(dir.path(), platform::posix::kFolderFlags));
+        EXPECT_TRUE(stream.valid());
+        EXPECT_FALSE(stream.close());
+        EXPECT_FALSE(stream.valid());
+    }
+    EXPECT_EQ(openDescriptorCount(), before);
+}
+
 }  // namespace

@@ -4,19 +4,25 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string>
 
+#include "platform/RemovalRefusal.h"
+#include "platform/TreeRemover.h"
 #include "platform/User.h"
 #include "tests/support/TempDir.h"
+
+#include <fcntl.h>
+#include <system_error>
+
+namespace {
 
 using platform::ProtectedFolders;
 using testsupport::makeDirectories;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 const std::optional<std::string> kSystem = std::string("a protected system folder");
 const std::optional<std::string> kHome = std::string("a home folder");
@@ -48,7 +54,8 @@ protected:
                                    "home/alice/Library/Preferences",
                                    "home/alice/Documents/notes",
                                    "home/alice/Library/Containers",
-                                   "home/bob",
+                                   "home/bob/Desktop",
+                                   "home/bob/Library/Keychains",
                                    "opt/Tool.app/Contents/MacOS"}) {
             makeDirectories(theRoot.at(folder));
         }
@@ -66,15 +73,40 @@ protected:
 
     std::string at(const std::string& relative) const { return theRoot.at(relative); }
 
+    // What the remover answers for the path with this set: the reason it
+    // refused it, none when the item went, or what else kept it.
+    static std::optional<std::string> refusalRemoving(const ProtectedFolders& folders, const std::string& path)
+    {
+        platform::TreeRemover remover;
+        remover.setProtectedFolders(folders);
+        std::error_code error;
+        if (remover.removePath(path, &error)) {
+            return std::nullopt;
+        }
+        if (error.category() == platform::removalRefusalCategory()) {
+            return error.message();
+        }
+        return "not removed: " + error.message();
+    }
+
+    // The identity test alone, as the permission repair asks it.
+    static std::optional<std::string> refusalOfIdentity(const ProtectedFolders& folders, const std::string& path)
+    {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) {
+            return "cannot examine " + path;
+        }
+        const std::error_code refusal = folders.refusal(status.st_dev, status.st_ino);
+        return refusal ? std::optional<std::string>(refusal.message()) : std::nullopt;
+    }
+
     TempDir theRoot;
 };
-
-}  // namespace
 
 TEST_F(ProtectedFoldersUnderARoot, TheRootAndTopLevelFoldersOfBothLayoutsAreProtected)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(theRoot.path()), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, theRoot.path()), kSystem);
     for (const char* folder : {"usr",
                                "usr/lib",
                                "usr/local/bin",
@@ -96,7 +128,7 @@ TEST_F(ProtectedFoldersUnderARoot, TheRootAndTopLevelFoldersOfBothLayoutsAreProt
                                "System",
                                "Users",
                                "Users/Shared"}) {
-        EXPECT_EQ(protectedFolders.reasonToRefusePath(at(folder)), kSystem) << folder;
+        EXPECT_EQ(refusalRemoving(protectedFolders, at(folder)), kSystem) << folder;
     }
 }
 
@@ -106,24 +138,24 @@ TEST_F(ProtectedFoldersUnderARoot, WhatIsInsideProtectedFoldersIsNotProtected)
     for (const char* item :
          {"usr/share/doc", "Library/Application Support/Corvane", "Applications/Corvane Lumidoc X Pro",
           "home/alice/Documents/notes", "home/alice/Library/LaunchAgents/com.corvane.agent.plist"}) {
-        EXPECT_EQ(protectedFolders.reasonToRefusePath(at(item)), std::nullopt) << item;
+        EXPECT_EQ(refusalRemoving(protectedFolders, at(item)), std::nullopt) << item;
     }
 }
 
 TEST_F(ProtectedFoldersUnderARoot, EverythingBelowSystemIsProtected)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("System/Library/Extensions")), kSystem);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("System/Library/Extensions/Deep/Deeper")), kSystem);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("Library/../System/Library")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("System/Library/Extensions")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("System/Library/Extensions/Deep/Deeper")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("Library/../System/Library")), kSystem);
 }
 
 TEST_F(ProtectedFoldersUnderARoot, HomeFoldersOfEveryAccountAreProtected)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("home/alice")), kHome);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("home/bob")), kHome);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("home/alice/")), kHome);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("home/alice")), kHome);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("home/bob")), kHome);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("home/alice/")), kHome);
 }
 
 TEST_F(ProtectedFoldersUnderARoot, StandardFoldersOfTheRunningUsersHomeAreProtected)
@@ -132,31 +164,31 @@ TEST_F(ProtectedFoldersUnderARoot, StandardFoldersOfTheRunningUsersHomeAreProtec
     for (const char* folder :
          {"home/alice/Library", "home/alice/Library/LaunchAgents", "home/alice/Library/Preferences",
           "home/alice/Library/Containers", "home/alice/Documents"}) {
-        EXPECT_EQ(protectedFolders.reasonToRefusePath(at(folder)), kHomeStandard) << folder;
+        EXPECT_EQ(refusalRemoving(protectedFolders, at(folder)), kHomeStandard) << folder;
     }
 }
 
 TEST_F(ProtectedFoldersUnderARoot, TheRunningProgramsBundleIsProtected)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("opt/Tool.app")), kBundle);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("opt/Tool.app/Contents/MacOS")), std::nullopt);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app")), kBundle);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app/Contents/MacOS")), std::nullopt);
 }
 
 TEST_F(ProtectedFoldersUnderARoot, DotDotAndLinksInTheMiddleAreFollowedToWhatWouldBeRemoved)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("Library/../Applications")), kSystem);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("Library/RootLink/Applications")), kSystem);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("Library/RootLink/home/alice")), kHome);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("usr/share/doc/..")), kSystem);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("Library/Application Support/Corvane/../Corvane")), std::nullopt);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("Library/../Applications")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("Library/RootLink/Applications")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("Library/RootLink/home/alice")), kHome);
+    EXPECT_EQ(refusalOfIdentity(protectedFolders, at("usr/share/doc/..")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("Library/Application Support/Corvane/../Corvane")), std::nullopt);
 }
 
 TEST_F(ProtectedFoldersUnderARoot, ALinkStandingForAProtectedFolderIsProtectedItself)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("lib")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("lib")), kSystem);
 }
 
 TEST_F(ProtectedFoldersUnderARoot, TheTestIsOnIdentityNotOnText)
@@ -164,48 +196,93 @@ TEST_F(ProtectedFoldersUnderARoot, TheTestIsOnIdentityNotOnText)
     const ProtectedFolders protectedFolders = folders();
     // Renamed after the set was made: still the same folder.
     ASSERT_EQ(::rename(at("srv").c_str(), at("srv-renamed").c_str()), 0);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("srv-renamed")), kSystem);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("srv-renamed")), kSystem);
     // A new folder where a protected one stood is another folder.
     makeDirectories(at("srv"));
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("srv")), std::nullopt);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("srv")), std::nullopt);
     // The same names under another root are other folders.
     TempDir other;
     makeDirectories(other.at("usr"));
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(other.at("usr")), std::nullopt);
+    EXPECT_EQ(refusalRemoving(protectedFolders, other.at("usr")), std::nullopt);
 }
 
-TEST_F(ProtectedFoldersUnderARoot, ReasonToRefuseComparesDeviceAndInode)
+TEST_F(ProtectedFoldersUnderARoot, RefusalComparesDeviceAndInodeOnly)
 {
     const ProtectedFolders protectedFolders = folders();
-    struct stat status {};
-    ASSERT_EQ(::lstat(at("etc").c_str(), &status), 0);
-    EXPECT_EQ(protectedFolders.reasonToRefuse(status.st_dev, status.st_ino, "/anywhere/else"), kSystem);
-    ASSERT_EQ(::lstat(at("usr/share/doc").c_str(), &status), 0);
-    EXPECT_EQ(protectedFolders.reasonToRefuse(status.st_dev, status.st_ino, at("usr/share/doc")), std::nullopt);
-    // Below the protected tree by its resolved path alone.
-    EXPECT_EQ(protectedFolders.reasonToRefuse(status.st_dev, status.st_ino, at("System/Anything")), kSystem);
-    EXPECT_EQ(protectedFolders.reasonToRefuse(status.st_dev, status.st_ino, at("SystemX")), std::nullopt);
+    EXPECT_EQ(refusalOfIdentity(protectedFolders, at("etc")), kSystem);
+    EXPECT_EQ(refusalOfIdentity(protectedFolders, at("usr/share/doc/..")), kSystem);
+    EXPECT_EQ(refusalOfIdentity(protectedFolders, at("home/bob")), kHome);
+    EXPECT_EQ(refusalOfIdentity(protectedFolders, at("usr/share/doc")), std::nullopt);
+    // Below the protected tree, yet not one of the folders themselves: only
+    // the place tells.
+    EXPECT_EQ(refusalOfIdentity(protectedFolders, at("System/Library/Extensions")), std::nullopt);
 }
 
-TEST_F(ProtectedFoldersUnderARoot, AMissingItemHasNothingToProtect)
+TEST_F(ProtectedFoldersUnderARoot, ThePlaceOfAFolderIsFoundByClimbingFromItsDescriptor)
 {
     const ProtectedFolders protectedFolders = folders();
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("missing")), std::nullopt);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(at("missing/deeper")), std::nullopt);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath(""), std::nullopt);
+    ASSERT_TRUE(protectedFolders.hasTrees());
+    const auto placeOf = [&](const std::string& path) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        EXPECT_GE(fd, 0) << path;
+        const std::error_code place = protectedFolders.placeRefusal(fd);
+        ::close(fd);
+        return place;
+    };
+    EXPECT_EQ(placeOf(at("System")), platform::RemovalRefusal::SystemFolder);
+    EXPECT_EQ(placeOf(at("System/Library/Extensions/Deep/Deeper")), platform::RemovalRefusal::SystemFolder);
+    EXPECT_EQ(placeOf(at("Library/RootLink/System/Library")), platform::RemovalRefusal::SystemFolder);
+    EXPECT_FALSE(placeOf(at("Library")));
+    EXPECT_FALSE(placeOf(at("usr/share/doc")));
 }
 
-// Reads the real system only.
+TEST_F(ProtectedFoldersUnderARoot, APlaceThatCannotBeToldIsRefused)
+{
+    const ProtectedFolders protectedFolders = folders();
+    // A descriptor that is no folder cannot be climbed from: the answer is
+    // the reason, never "not inside".
+    EXPECT_EQ(protectedFolders.placeRefusal(-1), std::errc::bad_file_descriptor);
+}
+
+TEST_F(ProtectedFoldersUnderARoot, StandardFoldersOfEveryAccountsHomeAreProtected)
+{
+    const ProtectedFolders protectedFolders = folders();
+    for (const char* folder : {"home/bob/Desktop", "home/bob/Library", "home/bob/Library/Keychains"}) {
+        EXPECT_EQ(refusalRemoving(protectedFolders, at(folder)), kHomeStandard) << folder;
+    }
+    const auto lists = ProtectedFolders::standardLists(theRoot.path(), {at("home/bob")}, "", std::nullopt);
+    EXPECT_NE(std::find(lists.homeStandardFolders.begin(), lists.homeStandardFolders.end(), at("home/bob/Desktop")),
+              lists.homeStandardFolders.end());
+    // Only those that exist are listed.
+    EXPECT_EQ(std::find(lists.homeStandardFolders.begin(), lists.homeStandardFolders.end(), at("home/bob/Music")),
+              lists.homeStandardFolders.end());
+}
+
+TEST_F(ProtectedFoldersUnderARoot, AMissingItemIsNotFoundRatherThanRefused)
+{
+    const ProtectedFolders protectedFolders = folders();
+    const std::string notFound = "not removed: " + std::make_error_code(std::errc::no_such_file_or_directory).message();
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("missing")), notFound);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("missing/deeper")), notFound);
+}
+
+// Reads the real system only: nothing is removed.
 TEST(ProtectedFoldersOfThisSystem, ProtectTheSystemAndHomeFoldersButNotWhatIsInside)
 {
     const ProtectedFolders& protectedFolders = ProtectedFolders::shared();
     EXPECT_EQ(&protectedFolders, &ProtectedFolders::shared());
-    for (const char* folder : {"/", "/usr", "/etc", "/tmp", "/usr/share", "/var"}) {
-        EXPECT_EQ(protectedFolders.reasonToRefusePath(folder), kSystem) << folder;
+    const auto refusalOf = [&](const std::string& path) {
+        struct stat status {};
+        EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+        return protectedFolders.refusal(status.st_dev, status.st_ino);
+    };
+    for (const char* folder : {"/", "/usr", "/etc", "/tmp", "/usr/share", "/var", "/usr/share/doc/.."}) {
+        EXPECT_EQ(refusalOf(folder), platform::RemovalRefusal::SystemFolder) << folder;
     }
     const auto rootHome = platform::homeDirectoryForUser("root");
     ASSERT_TRUE(rootHome.has_value());
-    EXPECT_TRUE(protectedFolders.reasonToRefusePath(*rootHome).has_value());
-    EXPECT_EQ(protectedFolders.reasonToRefusePath("/usr/share/doc"), std::nullopt);
-    EXPECT_EQ(protectedFolders.reasonToRefusePath("/usr/share/doc/.."), kSystem);
+    EXPECT_TRUE(refusalOf(*rootHome));
+    EXPECT_FALSE(refusalOf("/usr/share/doc"));
 }
+
+}  // namespace

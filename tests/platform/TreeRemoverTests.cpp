@@ -43,8 +43,8 @@ using testsupport::writeFile;
 // folder/d/d/.../d, `depth` levels, with a file in every tenth level.
 bool buildChainWithFiles(const std::string& folder, int depth)
 {
-    return testsupport::buildChain(folder, depth,
-                                   [](int fd, int level) { return level % 10 != 0 || testsupport::makeFileAt(fd, "f"); });
+    return testsupport::buildChain(
+        folder, depth, [](int fd, int level) { return level % 10 != 0 || testsupport::makeFileAt(fd, "f"); });
 }
 
 // Makes folder/name impossible to remove: the immutable flag for root (whom
@@ -614,6 +614,162 @@ TEST(TreeRemoverGuard, BindMountOfTheSameDiskInsideTheItemStaysAndTheItemItselfI
     EXPECT_EQ(status, 0);
     EXPECT_EQ(readFile(dir.at("source/one")), "1");
     EXPECT_EQ(readFile(dir.at("source/sub/two")), "2");
+}
+
+// A folder being removed that holds a protected folder two levels down.
+struct NestedCase {
+    const char* name;
+    platform::RemovalRefusal reason;
+};
+
+class TreeRemoverGuardAtEveryLevel : public ::testing::TestWithParam<NestedCase> {
+protected:
+    void SetUp() override
+    {
+        writeFile(theDir.at("item/a/Kept/Contents/file"), "kept");
+        writeFile(theDir.at("item/a/other/file"), "x");
+        writeFile(theDir.at("item/a/loose"), "x");
+        writeFile(theDir.at("item/b/file"), "x");
+        writeFile(theDir.at("item/top"), "x");
+    }
+
+    platform::ProtectedFolders set() const
+    {
+        platform::ProtectedFolders::Lists lists;
+        const std::string kept = theDir.at("item/a/Kept");
+        switch (GetParam().reason) {
+        case platform::RemovalRefusal::RunningBundle: lists.bundles = {kept}; break;
+        case platform::RemovalRefusal::HomeFolder: lists.homeFolders = {kept}; break;
+        case platform::RemovalRefusal::HomeStandardFolder: lists.homeStandardFolders = {kept}; break;
+        default: lists.systemFolders = {kept}; break;
+        }
+        return platform::ProtectedFolders(lists);
+    }
+
+    void expectOnlyTheProtectedFolderAndItsParentsStayed() const
+    {
+        EXPECT_EQ(readFile(theDir.at("item/a/Kept/Contents/file")), "kept");
+        EXPECT_FALSE(present(theDir.at("item/a/other")));
+        EXPECT_FALSE(present(theDir.at("item/a/loose")));
+        EXPECT_FALSE(present(theDir.at("item/b")));
+        EXPECT_FALSE(present(theDir.at("item/top")));
+    }
+
+    TempDir theDir;
+};
+
+TEST_P(TreeRemoverGuardAtEveryLevel, AProtectedFolderInsideStaysWithTheFoldersAboveIt)
+{
+    const platform::ProtectedFolders folders = set();
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    Failures failures;
+    failures.attachTo(remover);
+    std::error_code error;
+    EXPECT_FALSE(remover.removePath(theDir.at("item"), &error));
+    EXPECT_EQ(error, GetParam().reason);
+    EXPECT_EQ(error, std::errc::operation_not_permitted);
+    // Named once, by its own path; the folders above it are not reported.
+    ASSERT_EQ(failures.seen.size(), 1U);
+    EXPECT_EQ(failures.seen[0].first, theDir.at("item/a/Kept"));
+    EXPECT_EQ(failures.seen[0].second, GetParam().reason);
+    expectOnlyTheProtectedFolderAndItsParentsStayed();
+}
+
+TEST_P(TreeRemoverGuardAtEveryLevel, TheSameThroughTheDestroyOfAFolderAndAName)
+{
+    const platform::ProtectedFolders folders = set();
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    Failures failures;
+    failures.attachTo(remover);
+    EXPECT_FALSE(remover.removeRelative(theDir.path(), "item"));
+    ASSERT_EQ(failures.seen.size(), 1U);
+    EXPECT_EQ(failures.seen[0].first, theDir.at("item/a/Kept"));
+    expectOnlyTheProtectedFolderAndItsParentsStayed();
+}
+
+INSTANTIATE_TEST_SUITE_P(Reasons, TreeRemoverGuardAtEveryLevel,
+                         ::testing::Values(NestedCase{"SystemFolder", platform::RemovalRefusal::SystemFolder},
+                                           NestedCase{"RunningBundle", platform::RemovalRefusal::RunningBundle},
+                                           NestedCase{"HomeFolder", platform::RemovalRefusal::HomeFolder},
+                                           NestedCase{"HomeStandardFolder",
+                                                      platform::RemovalRefusal::HomeStandardFolder}),
+                         [](const ::testing::TestParamInfo<NestedCase>& info) { return info.param.name; });
+
+TEST(TreeRemoverGuard, AFileNamedInsideAProtectedTreeByALongWayIsRefused)
+{
+    TempDir dir;
+    writeFile(dir.at("System/Library/file"), "x");
+    makeDirectories(dir.at("elsewhere"));
+    ASSERT_EQ(::symlink(dir.at("System").c_str(), dir.at("elsewhere/link").c_str()), 0);
+    const platform::ProtectedFolders folders = protectedSet({}, {dir.at("System")});
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    std::error_code error;
+    EXPECT_FALSE(remover.removeRelative(dir.at("elsewhere/link/Library"), "file", &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_FALSE(remover.removePath(dir.at("elsewhere/../elsewhere/link/Library/file"), &error));
+    EXPECT_EQ(error, platform::RemovalRefusal::SystemFolder);
+    EXPECT_EQ(readFile(dir.at("System/Library/file")), "x");
+}
+
+TEST(TreeRemoverGuard, AnItemWhosePlaceCannotBeToldIsRefused)
+{
+    // The folders above cannot be read by the user removing: the climb to
+    // tell whether the item lies in the protected tree cannot go on, so the
+    // item stays, with that reason.
+    TempDir dir;
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    writeFile(dir.at("locked/open/item"), "x");
+    makeDirectories(dir.at("System"));
+    ASSERT_EQ(::chmod(dir.at("locked/open").c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(dir.at("locked/open/item").c_str(), 0666), 0);
+    ASSERT_EQ(::chmod(dir.at("locked").c_str(), 0711), 0);
+    const platform::ProtectedFolders folders = protectedSet({}, {dir.at("System")});
+    const std::string item = dir.at("locked/open/item");
+    const int status = testsupport::runUnprivileged([&] {
+        TreeRemover remover;
+        remover.setProtectedFolders(folders);
+        std::error_code error;
+        if (remover.removePath(item, &error)) {
+            return 1;
+        }
+        if (error != std::errc::permission_denied) {
+            return 2;
+        }
+        return present(item) ? 0 : 3;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(item), "x");
+}
+
+TEST(TreeRemover, AnItemBehindAPathLongerThanPathMaxIsRemoved)
+{
+    TempDir dir;
+    const std::string name(250, 'd');
+    std::string folder = dir.path();
+    int fd = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    for (int level = 0; level < 20; ++level) {
+        ASSERT_EQ(::mkdirat(fd, name.c_str(), 0755), 0);
+        const int next = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        ASSERT_GE(next, 0);
+        fd = next;
+        folder += "/" + name;
+    }
+    ASSERT_TRUE(testsupport::makeFileAt(fd, "file"));
+    ASSERT_EQ(::mkdirat(fd, "sub", 0755), 0);
+    ::close(fd);
+    ASSERT_GT(folder.size(), 5000U);
+    std::error_code error;
+    EXPECT_TRUE(TreeRemover().removeRelative(folder, "file", &error)) << error.message();
+    EXPECT_TRUE(TreeRemover().removePath(folder + "/sub", &error)) << error.message();
+    EXPECT_FALSE(TreeRemover().removePath(folder + "/sub", &error));
+    EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+    EXPECT_TRUE(TreeRemover().removePath(dir.at(name), &error)) << error.message();
+    EXPECT_FALSE(present(dir.at(name)));
 }
 
 }  // namespace

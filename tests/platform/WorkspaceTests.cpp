@@ -325,14 +325,22 @@ TEST(WorkspaceClearIcon, IconThatIsAFolderWithContentsStaysAndIsFalse)
     EXPECT_EQ(readFile(dir.at("folder/Icon\r/inside")), "x");
 }
 
-TEST(WorkspaceClearIcon, LinkToAFolderClearsTheFolderIcon)
+TEST(WorkspaceClearIcon, ALinkInTheFolderPlaceIsNotFollowedAndItsTargetKeepsItsIcon)
 {
     TempDir dir;
     writeFile(dir.at("folder/Icon\r"), "icon");
     ASSERT_EQ(::symlink(dir.at("folder").c_str(), dir.at("link").c_str()), 0);
+    ASSERT_EQ(::symlink(dir.path().c_str(), dir.at("folder/up").c_str()), 0);
+    // A link has no custom icon of its own: nothing to clear, nothing removed
+    // through it.
     EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("link"), 0));
-    EXPECT_FALSE(present(dir.at("folder/Icon\r")));
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("link/"), 0));
+    EXPECT_EQ(readFile(dir.at("folder/Icon\r")), "icon");
     EXPECT_TRUE(present(dir.at("link")));
+    // A link on the way to the folder is followed as usual: the folder
+    // named is the one whose icon goes.
+    EXPECT_TRUE(Workspace::sharedWorkspace().setIcon(nullptr, dir.at("folder/up/folder"), 0));
+    EXPECT_FALSE(present(dir.at("folder/Icon\r")));
 }
 
 TEST(WorkspaceClearIcon, IconThatIsALinkIsUnlinkedNotFollowed)
