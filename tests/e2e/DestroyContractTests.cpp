@@ -485,8 +485,10 @@ protected:
 
     // Removes /Library/att/A/NAME kRounds times while the user swaps A for
     // the link; expects the protected item at `protectedHost` (a host path)
-    // to be the same item afterwards, and the swaps to have been seen.
-    void raceAgainst(const std::string& linkTarget, const std::string& name, const std::string& protectedHost)
+    // to be the same item afterwards, the fixture outside the user's folder
+    // to be `elsewhere`, and the swaps to have been seen.
+    void raceAgainst(const std::string& linkTarget, const std::string& name, const std::string& protectedHost,
+                     const std::vector<std::string>& elsewhere)
     {
         struct stat before {};
         ASSERT_EQ(::lstat(protectedHost.c_str(), &before), 0) << protectedHost;
@@ -506,6 +508,13 @@ protected:
         EXPECT_EQ(::lstat(protectedHost.c_str(), &after), 0) << protectedHost << " was removed\n"
                                                              << result.standardOutput;
         EXPECT_EQ(after.st_ino, before.st_ino) << protectedHost << " was replaced";
+        std::vector<std::string> outside;
+        for (const std::string& entry : sandbox.tree()) {
+            if (entry.find(" /Library/att/") == std::string::npos) {
+                outside.push_back(entry);
+            }
+        }
+        EXPECT_EQ(outside, elsewhere);
         // The run met both sides of the swap: the user's own entry went
         // and the protected one was refused.
         EXPECT_GT(swaps, 0U);
@@ -529,7 +538,9 @@ TEST_P(DestroyRaceTest, SwappingAMiddleFolderForALinkNeverRemovesTheProtectedIte
 {
     sandbox.makeDirectory("/Library/Preference Files");
     sandbox.makeSymlink("/Library/Preferences", "/Library/Preference Files");
-    raceAgainst("/Library", "Preferences", sandbox.hostPath("/Library/Preferences"));
+    raceAgainst(
+        "/Library", "Preferences", sandbox.hostPath("/Library/Preferences"),
+        {"d /Library/Preference Files", "l /Library/Preferences -> /Library/Preference Files", "d /Library/att"});
 }
 
 INSTANTIATE_TEST_SUITE_P(EntryPointsInBothLayouts, DestroyRaceTest,
@@ -583,7 +594,7 @@ TEST_P(DestroyOnOwnRootTest, ItemsBelowTheSystemTreeAreRefusedWithAndWithoutProc
 // The system's own link /lib64, reached through a link to "/".
 TEST_P(DestroyOnOwnRootTest, SwappingAMiddleFolderForALinkToTheRootNeverRemovesLib64)
 {
-    raceAgainst("/", "lib64", sandbox.root() + "/fs/lib64");
+    raceAgainst("/", "lib64", sandbox.root() + "/fs/lib64", {"d /Library/att"});
 }
 
 INSTANTIATE_TEST_SUITE_P(EntryPointsOnASingleDisk, DestroyOnOwnRootTest,
