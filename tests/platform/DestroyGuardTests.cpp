@@ -23,7 +23,6 @@ namespace {
 using platform::ProtectedFolders;
 using platform::RemovalRefusal;
 using platform::TreeRemover;
-using testsupport::makeDirectories;
 using testsupport::present;
 using testsupport::readFile;
 using testsupport::TempDir;
@@ -70,7 +69,7 @@ TEST_P(DestroyGuardTest, StandardFoldersOfEveryAccountsHomeAreRefused)
     const std::vector<std::string> standard{"Library/Keychains", "Documents", "Desktop", "Library"};
     for (const std::string& home : homes) {
         for (const std::string& folder : standard) {
-            writeFile(at(home + "/" + folder + "/kept"), "k");
+            writeFile(at(home) + "/" + folder + "/kept", "k");
         }
     }
     const ProtectedFolders folders(
@@ -78,7 +77,9 @@ TEST_P(DestroyGuardTest, StandardFoldersOfEveryAccountsHomeAreRefused)
 
     for (const std::string& home : homes) {
         for (const std::string& folder : standard) {
-            const std::string relative = home + "/" + folder;
+            std::string relative = home;
+            relative += "/";
+            relative += folder;
             std::error_code error;
             EXPECT_FALSE(destroy(folders, relative, error)) << relative;
             EXPECT_EQ(error, RemovalRefusal::HomeStandardFolder) << relative << ": " << error.message();
