@@ -55,6 +55,8 @@
 #                               mount or make namespaces
 #         --seccomp FILE        loads the compiled seccomp filter in FILE
 #                               (a cBPF program) before PROGRAM starts
+#         --no-proc             mounts no /proc: PROGRAM cannot learn its own
+#                               path, descriptors or mounts from there
 #       The environment inside is cleared, then PATH=/usr/bin:/bin,
 #       HOME=/root, USER=LOGNAME=root and LANG=C.UTF-8 are set; the
 #       sanitizers' ASAN_OPTIONS, UBSAN_OPTIONS and LSAN_OPTIONS pass through.
@@ -155,7 +157,7 @@ init() {
 
 run() {
     local bundle=${REMOVER_BUNDLE-} user='' directory=/ filter=''
-    local -a after=() environment=() restrictions=()
+    local -a after=() environment=() restrictions=() proc=(--proc /proc)
     while (($#)); do
         case $1 in
         --bundle)
@@ -192,6 +194,10 @@ run() {
             restrictions+=(--cap-drop ALL)
             shift
             ;;
+        --no-proc)
+            proc=()
+            shift
+            ;;
         --seccomp)
             (($# >= 2)) || die "--seccomp needs a file"
             [[ -f $2 ]] || die "no seccomp filter at $2"
@@ -212,7 +218,7 @@ run() {
         [[ -d $f/Applications && -d $f/Library && -d $f/home && -x $f/sbin/pkgutil && -x $f/launchctl && -d $f/state ]] ||
             die "not a fixture (sandbox.sh init F lays one down): $f"
         command=(bwrap --ro-bind /usr /usr --symlink usr/lib /lib --symlink usr/lib64 /lib64
-            --ro-bind /etc /etc --proc /proc --dev /dev --tmpfs /tmp
+            --ro-bind /etc /etc "${proc[@]}" --dev /dev --tmpfs /tmp
             --dir /bin --symlink /usr/bin/sh /bin/sh --ro-bind "$f/launchctl" /bin/launchctl
             --bind "$f/sbin" /usr/sbin
             --bind "$f/Applications" /Applications --bind "$f/Library" /Library
@@ -222,7 +228,7 @@ run() {
         [[ -d $f/fs/Applications && -d $f/fs/Library && -d $f/fs/root && -x $f/sbin/pkgutil && -x $f/fs/bin/launchctl ]] ||
             die "not a fixture (sandbox.sh init F lays one down): $f"
         command=(bwrap --bind "$f/fs" / --ro-bind /usr /usr --bind "$f/sbin" /usr/sbin
-            --ro-bind /etc /etc --proc /proc --dev /dev)
+            --ro-bind /etc /etc "${proc[@]}" --dev /dev)
         ;;
     esac
     if [[ -n $bundle ]]; then

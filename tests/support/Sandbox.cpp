@@ -331,7 +331,8 @@ std::vector<std::string> Sandbox::tree(const std::string& under) const
 
 RunResult Sandbox::run(const std::vector<std::string>& arguments, const Environment& environment) const
 {
-    return runWith(kRemoverPath, arguments, {environment, std::nullopt, std::nullopt, false, std::nullopt, std::nullopt});
+    return runWith(kRemoverPath, arguments,
+                   {environment, std::nullopt, std::nullopt, false, std::nullopt, std::nullopt});
 }
 
 RunResult Sandbox::runProgram(const std::string& program, const std::vector<std::string>& arguments,
@@ -369,6 +370,9 @@ RunResult Sandbox::runWith(const std::string& program, const std::vector<std::st
     }
     if (options.withoutCapabilities) {
         command.push_back("--no-caps");
+    }
+    if (options.withoutProc) {
+        command.push_back("--no-proc");
     }
     if (options.seccompFilter) {
         command.insert(command.end(), {"--seccomp", *options.seccompFilter});

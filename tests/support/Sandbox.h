@@ -72,6 +72,8 @@ struct RunOptions {
     std::optional<std::string> seccompFilter;
     // The working folder inside ("/" without one).
     std::optional<std::string> workingFolder;
+    // No /proc mounted inside.
+    bool withoutProc = false;
 };
 
 class Sandbox {
