@@ -432,7 +432,7 @@ std::string repeated(const std::string& line, int count)
 // of a run of a million.
 void runOnSmallStack(const std::function<void()>& work)
 {
-    constexpr std::size_t kStackBytes = 512 * 1024;
+    constexpr std::size_t kStackBytes = std::size_t{512} * 1024;
     pthread_attr_t attributes;
     ASSERT_EQ(::pthread_attr_init(&attributes), 0);
     ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kStackBytes), 0);
