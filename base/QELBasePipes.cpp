@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "base/QELBase.h"
 #include "base/QELBaseConstants.h"
@@ -78,6 +79,23 @@ void appendByte(std::string& line, unsigned char byte)
     }
 }
 
+enum class ControlCommand : unsigned char { Error, LogNormal, LogVerbose };
+
+// The control command a line names exactly, if any.
+std::optional<ControlCommand> controlCommandNamed(std::string_view line)
+{
+    if (line == kCommandError) {
+        return ControlCommand::Error;
+    }
+    if (line == kCommandLogNormal) {
+        return ControlCommand::LogNormal;
+    }
+    if (line == kCommandLogVerbose) {
+        return ControlCommand::LogVerbose;
+    }
+    return std::nullopt;
+}
+
 // One line without its line feed, read in passes of one byte.
 std::string receiveLineOnPipe(int32_t fd, const platform::Date& deadline)
 {
@@ -141,21 +159,29 @@ std::string QELBase::receiveCommandOnPipe(int32_t fd)
 
 std::string QELBase::receiveCommandOnPipe(int32_t fd, const platform::Date& deadline)
 {
+    // The argument of a control command is read as a command itself, so a
+    // control command there is carried out first and takes the next line as
+    // its own argument. The control commands still waiting for their argument
+    // are kept here, the latest last, rather than one call deeper each: a
+    // writer's long run of control commands costs heap, not stack.
+    std::vector<ControlCommand> waiting;
     for (;;) {
         std::string line = receiveLineOnPipe(fd, deadline);
-        if (line == kCommandError) {
-            // The argument is read by this same operation, so a control
-            // command there is carried out first.
-            raiseWithErrorCode(platform::intValue(receiveCommandOnPipe(fd, deadline)));
-        }
-        if (line == kCommandLogNormal || line == kCommandLogVerbose) {
-            const std::string message = receiveCommandOnPipe(fd, deadline);
-            log(message, line == kCommandLogNormal ? kLogLevelNormal : kLogLevelVerbose);
-            // The command after the message is what the caller gets: read it
-            // in the next round rather than one call deeper, so a long run
-            // of log commands does not deepen the stack.
+        if (const std::optional<ControlCommand> control = controlCommandNamed(line)) {
+            waiting.push_back(*control);
             continue;
         }
-        return line;
+        if (waiting.empty()) {
+            return line;
+        }
+        // An ordinary line is the argument of the latest control command.
+        const ControlCommand control = waiting.back();
+        waiting.pop_back();
+        if (control == ControlCommand::Error) {
+            raiseWithErrorCode(platform::intValue(line));
+        }
+        log(line, control == ControlCommand::LogNormal ? kLogLevelNormal : kLogLevelVerbose);
+        // The command after a logged message is what the control command
+        // below it (or the caller) gets: read on.
     }
 }

@@ -3,11 +3,17 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <optional>
+#include <system_error>
+
+#include "base/QELBase.h"
 #include "fsutil/QELUHash.h"
 #include "fsutil/QELUPath.h"
 #include "platform/Exception.h"
 #include "fsutil/Sha256.h"
 #include "platform/PosixIO.h"
+#include "platform/ProtectedFolders.h"
+#include "platform/SystemTrees.h"
 
 namespace posix = platform::posix;
 
@@ -91,9 +97,18 @@ bool QELSecurity::othersHaveWriteAccessToThisFile(const std::string& path, const
         if (status != 0) {
             return true;
         }
-        // Written even when the write bits are already clear: the set-id
-        // bits go too. The mode read back afterwards decides.
-        if (!QELUSetPosixPermissionsAtPath(path, mode & kRepairMask, &status) || status != 0) {
+        if (const std::optional<std::string> reason = reasonToLeaveModeAlone(path)) {
+            // A repair here would clear bits the system relies on (/tmp's
+            // sticky world-writable mode, a set-uid program's bit): the item
+            // stays as it is and counts as unsafe. One that needs no repair
+            // is judged by its mode as it is, and nothing is written.
+            if ((mode & kRepairMask) != mode) {
+                QELBase::logErrorString("the permissions of " + path + " are left as they are: " + *reason);
+                return true;
+            }
+        } else if (!QELUSetPosixPermissionsAtPath(path, mode & kRepairMask, &status) || status != 0) {
+            // Written even when the write bits are already clear: the set-id
+            // bits go too. The mode read back afterwards decides.
             return true;
         }
         const unsigned long repaired = QELUPosixPermissionsAtPath(path, &status);
@@ -115,4 +130,27 @@ bool QELSecurity::ownerOfPath(const std::string& path, const std::string& user)
     }
     const std::string* name = std::get_if<std::string>(&*owner);
     return name != nullptr && *name == user;
+}
+
+std::optional<std::string> QELSecurity::reasonToLeaveModeAlone(const std::string& path)
+{
+    std::error_code error;
+    const platform::posix::UniqueFd item = posix::openFile(path, O_PATH | O_NOFOLLOW, 0, &error);
+    struct stat identity {};
+    if (!item.valid() || (error = posix::statDescriptor(item.get(), identity))) {
+        return "it cannot be examined (" + error.message() + ")";
+    }
+    // Only the protected folders themselves, judged by identity alone.
+    if (const std::error_code refusal =
+            platform::ProtectedFolders::shared().refusal(identity.st_dev, identity.st_ino, std::string())) {
+        return refusal.message();
+    }
+    const std::optional<std::string> tree = platform::SystemTrees::shared().treeHolding(path, &error);
+    if (error) {
+        return "where it lies cannot be told (" + error.message() + ")";
+    }
+    if (tree) {
+        return "it lies in the system's tree " + *tree;
+    }
+    return std::nullopt;
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/FileAttributeDictionary.h"
@@ -60,7 +61,14 @@ public:
     static platform::FileAttributeDictionary desiredFileAttributes();
     // True when the path is now safe for the user (an account name): it may
     // clear the path's group and others write bits and its set-id bits on
-    // the way. Never raises; every failure is a false.
+    // the way. Never raises; every failure is a false. The mode of a
+    // protected folder (/tmp, /var/tmp, a home folder, ...) and of anything
+    // in the system's trees (/usr, /bin, /sbin, /lib*, /etc, /boot, /System)
+    // is never changed: where a repair would be needed the answer is false
+    // and the error log (with the console) says why, e.g.
+    //   Lumidoc Updater encountered error "the permissions of /tmp are left
+    //   as they are: a protected system folder"
+    // and where none is needed the mode as it is decides.
     static bool makePathOK(const std::string& path, const std::string& user);
 
 private:
@@ -70,4 +78,10 @@ private:
     static bool othersHaveWriteAccessToThisFile(const std::string& path, const std::string& user);
     // True when the owner's account name equals user.
     static bool ownerOfPath(const std::string& path, const std::string& user);
+    // Why the mode of the item at path must never be changed, or none: it is
+    // one of the protected folders (those the removal of a folder with its
+    // contents refuses), or it is or lies below one of the system's trees
+    // (/usr, /bin, /sbin, /lib*, /etc, /boot, /System), or it cannot be
+    // examined or placed. Decided by identity (device and inode), not text.
+    static std::optional<std::string> reasonToLeaveModeAlone(const std::string& path);
 };

@@ -1,8 +1,10 @@
 #include "platform/Task.h"
 
 #include "platform/Exception.h"
+#include "platform/Signals.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -112,12 +114,31 @@ Task Task::launchedTaskWithLaunchPath(const std::string& launchPath, const std::
         }
     }
 
+    // An ignored disposition survives exec: the signals this program may
+    // ignore (Signals.h) are back at their default in the child, so a tool
+    // behaves as it does when started from a shell.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    for (const int signalNumber : Signals::kSignalsThatWouldCutARunShort) {
+        sigaddset(&defaults, signalNumber);
+    }
+    if (status == 0) {
+        status = posix_spawnattr_setsigdefault(&attributes, &defaults);
+    }
+    if (status == 0) {
+        status = posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    }
+
     pid_t pid = -1;
     // glibc reports a failed exec (missing file, no permission) as the result.
     if (status == 0) {
-        status = launchPath.empty() ? ENOENT
-                                    : ::posix_spawn(&pid, launchPath.c_str(), &actions, nullptr, argv.data(), envp.data());
+        status = launchPath.empty()
+                     ? ENOENT
+                     : ::posix_spawn(&pid, launchPath.c_str(), &actions, &attributes, argv.data(), envp.data());
     }
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (status != 0) {
         Exception::raise(kInvalidArgumentException,

@@ -3,13 +3,20 @@
 // The application path is argument index 2; the first argument is ignored.
 // With fewer arguments a warning names the default path, which is used. The
 // exit status is 0 whenever the sequence ends normally.
+//
+// Once started, a run ends whole: a reader of its output that goes away
+// (`| head -n 1`) or a terminal that hangs up does not stop it half-way
+// (SIGPIPE and SIGHUP are ignored; a status line that cannot be written is
+// lost and the run goes on). SIGINT and SIGTERM still stop it.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <system_error>
 
 #include "platform/Exception.h"
 #include "platform/ProcessInfo.h"
+#include "platform/Signals.h"
 #include "remover/TFRemoverTool.h"
 
 namespace {
@@ -42,6 +49,9 @@ constexpr char kDefaultAppPath[] = "/Applications/Corvane Lumidoc X Pro/Corvane 
 int main(int argc, char** argv)
 {
     std::set_terminate(terminateAfterFlushing);
+    if (const std::error_code error = platform::Signals::ignoreSignalsThatWouldCutARunShort()) {
+        std::fprintf(stderr, "RemoverTool: SIGPIPE and SIGHUP could not be ignored: %s\n", error.message().c_str());
+    }
     platform::ProcessInfo::setArguments(argc, argv);
 
     std::string appPath = kDefaultAppPath;

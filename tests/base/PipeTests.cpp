@@ -4,6 +4,8 @@
 #include <array>
 #include <chrono>
 #include <fcntl.h>
+#include <functional>
+#include <pthread.h>
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
@@ -400,6 +402,105 @@ TEST(Pipes, ControlCommandsAreNamedExactly)
     EXPECT_STREQ(kCommandError, "error");
     EXPECT_STREQ(kCommandLogNormal, "log-normal");
     EXPECT_STREQ(kCommandLogVerbose, "log-verbose");
+}
+
+// A file holding bytes, open for reading from its start: more than a pipe
+// holds, read by the reader like a pipe whose writer has sent it all.
+Descriptor fileHolding(const std::string& bytes)
+{
+    char path[] = "/tmp/pipe-tests-XXXXXX";
+    Descriptor file(::mkstemp(path));
+    EXPECT_TRUE(file.isOpen());
+    ::unlink(path);
+    writeBytes(file, bytes);
+    EXPECT_EQ(::lseek(file.get(), 0, SEEK_SET), 0);
+    return file;
+}
+
+std::string repeated(const std::string& line, int count)
+{
+    std::string bytes;
+    bytes.reserve(line.size() * static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        bytes += line;
+    }
+    return bytes;
+}
+
+// Runs work on a thread whose whole stack is 512 KiB, so a reader that took
+// one more frame per control command would overflow it long before the end
+// of a run of a million.
+void runOnSmallStack(const std::function<void()>& work)
+{
+    constexpr std::size_t kStackBytes = std::size_t{512} * 1024;
+    pthread_attr_t attributes;
+    ASSERT_EQ(::pthread_attr_init(&attributes), 0);
+    ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kStackBytes), 0);
+    pthread_t thread{};
+    auto* task = const_cast<std::function<void()>*>(&work);
+    const int started = ::pthread_create(
+        &thread, &attributes,
+        [](void* argument) -> void* {
+            (*static_cast<std::function<void()>*>(argument))();
+            return nullptr;
+        },
+        task);
+    ::pthread_attr_destroy(&attributes);
+    ASSERT_EQ(started, 0);
+    ASSERT_EQ(::pthread_join(thread, nullptr), 0);
+}
+
+TEST(Pipes, AMillionErrorCommandsInARowRaiseTheCodeAfterThemOnASmallStack)
+{
+    useSettings();
+    const Descriptor file = fileHolding(repeated("error\n", 1000000) + "1234\nafter\n");
+    const ConsoleCapture console;
+    int32_t raised = -1;
+    runOnSmallStack([&] { raised = fatalErrorCodeRaisedBy([&] { QELBase::receiveCommandOnPipe(file.get()); }); });
+    // Every "error" took the next one as its argument; the innermost took
+    // 1234 and raised it, and nothing past that line was read.
+    EXPECT_EQ(raised, 1234);
+    EXPECT_EQ(priorErrorCode(), 1234);
+    EXPECT_EQ(console.messages(), std::vector<std::string>{"Lumidoc Test Updater encountered errorCode 1234"});
+    EXPECT_EQ(remainingBytes(file), "after\n");
+}
+
+TEST(Pipes, TwoHundredThousandLogCommandsInARowAreCarriedOutOnASmallStack)
+{
+    useSettings("0");
+    // The verbose messages are dropped at level 0, so the logged lines cost
+    // no file writes; the one normal command, the outermost, logs the last
+    // message. (A million control lines in a row are read by the test
+    // above; this one takes fewer, each with its own message.)
+    const Descriptor file =
+        fileHolding("log-normal\n" + repeated("log-verbose\n", 199999) + repeated("m\n", 199999) + "last\ngo\n");
+    const LogWatch log;
+    std::string received;
+    runOnSmallStack([&] {
+        try {
+            received = QELBase::receiveCommandOnPipe(file.get());
+        } catch (const platform::Exception& exception) {
+            ADD_FAILURE() << exception.name();
+        }
+    });
+    EXPECT_EQ(received, "go");
+    EXPECT_EQ(log.messages(), std::vector<std::string>{"last"});
+}
+
+TEST(Pipes, NestedControlCommandsTakeTheLinesAfterThemInnermostFirst)
+{
+    useSettings("1");
+    // The innermost log command takes "a"; the one below it then takes "b"
+    // and the outermost "c"; "error" after a logged message takes "7".
+    const Pipe pipe = pipeHolding("log-normal\nlog-verbose\nlog-normal\na\nb\nc\ngo\n"
+                                  "log-verbose\nlog-normal\nx\nerror\n7\nrest\n");
+    const ConsoleCapture console;
+    const LogWatch log;
+    EXPECT_EQ(QELBase::receiveCommandOnPipe(pipe.readEnd.get()), "go");
+    EXPECT_EQ(fatalErrorCodeRaisedBy([&] { QELBase::receiveCommandOnPipe(pipe.readEnd.get()); }), 7);
+    EXPECT_EQ(log.messages(),
+              (std::vector<std::string>{"a", "b", "c", "x", "Lumidoc Test Updater encountered errorCode 7"}));
+    EXPECT_EQ(remainingBytes(pipe.readEnd), "rest\n");
 }
 
 }  // namespace
