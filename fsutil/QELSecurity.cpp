@@ -22,13 +22,18 @@ std::string QELSecurity::hashForFile(const std::string& path, int32_t* status)
     int32_t result = kHashOK;
     unsigned char digest[SHA256_DIGEST_SIZE] = {};
 
-    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY);
+    // Opened without blocking, so a FIFO cannot hang the caller, and mapped
+    // only when it is a regular file: a FIFO, socket, device or folder
+    // counts as a file that cannot be mapped, as a folder always has.
+    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (!fd.valid()) {
         result = kHashCannotOpen;
     } else {
         struct stat info {};
         if (posix::statDescriptor(fd.get(), info)) {
             result = kHashCannotStat;
+        } else if (!S_ISREG(info.st_mode)) {
+            result = kHashCannotMap;
         } else {
             // A zero length (an empty file) makes the mapping fail.
             const auto length = static_cast<uint32_t>(info.st_size);

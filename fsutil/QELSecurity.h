@@ -31,7 +31,10 @@ public:
     // The SHA-256 digest of the file as 64 lower-case hex digits, computed
     // over one read-only private mapping of the file (open, fstat, mmap,
     // munmap, close; the descriptor is close-on-exec). The length is the file
-    // size taken as an unsigned 32-bit value. status (when given) is set to
+    // size taken as an unsigned 32-bit value. The file is opened without
+    // blocking and hashed only when it is a regular file (after the final
+    // link): a FIFO, socket, device or folder gives kHashCannotMap, at once.
+    // status (when given) is set to
     // kHashOK, or to 2, 3 or 4 on failure; the text is then 64 zeros. Never
     // raises for I/O failures.
     static std::string hashForFile(const std::string& path, int32_t* status);

@@ -3,8 +3,12 @@
 #include "platform/UTF8.h"
 
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
+#include <new>
+#include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -35,6 +39,18 @@ constexpr unsigned kFalse = 0x8;
 constexpr unsigned kTrue = 0x9;
 constexpr unsigned kSizeFollows = 0xF;
 
+// What one file may produce, in counted bytes: the bytes of every string and
+// data value made, of every dictionary key each time a dictionary holds it,
+// and kElementBytes for every array item or dictionary entry. Real files
+// stay far below: text grows at most 1.5 times from UTF-16, an element costs
+// a reference of at least one byte, and a key shared by many dictionaries
+// costs one or two bytes of reference per use. A small file that fans one
+// large key out into many dictionaries is damaged, not a demand for
+// gigabytes.
+constexpr uint64_t kProducedBytesPerFileByte = 16;
+constexpr uint64_t kProducedBytesExtra = uint64_t{1} << 20;
+constexpr uint64_t kElementBytes = 8;
+
 class Reader {
 public:
     Reader(std::string_view bytes, int maximumDepth) : theBytes(bytes), theMaximumDepth(maximumDepth) {}
@@ -62,13 +78,43 @@ public:
         theReferenceSize = *referenceSize;
         theObjectCount = *objectCount;
         theTableOffset = *tableOffset;
-        // Shared containers are walked once per reference: bound the work so
-        // that a small file cannot fan out into an enormous tree.
+        // Every object is made once and shared by all that refer to it, so
+        // the work is bounded by the object count; what is produced is
+        // bounded by the byte budget (see kProducedBytesPerFileByte).
         theBudget = 2 * static_cast<uint64_t>(theBytes.size()) + 16;
-        return object(*rootIndex, 0);
+        theBytesLeft = kProducedBytesPerFileByte * static_cast<uint64_t>(theBytes.size()) + kProducedBytesExtra;
+        try {
+            auto made = object(*rootIndex, 0);
+            if (!made) {
+                return std::nullopt;
+            }
+            return std::move(made->value);
+        } catch (const std::bad_alloc&) {
+            return std::nullopt;
+        } catch (const std::length_error&) {
+            return std::nullopt;
+        }
     }
 
 private:
+    // A value with the height of its nesting (0 for a scalar or an empty
+    // container), so that a shared value met deeper down than where it was
+    // made still counts its full depth.
+    struct Made {
+        PropertyList value;
+        int height;
+    };
+
+    // Takes `bytes` from the budget of bytes produced; false when it is spent.
+    bool spend(uint64_t bytes)
+    {
+        if (bytes > theBytesLeft) {
+            return false;
+        }
+        theBytesLeft -= bytes;
+        return true;
+    }
+
     // A big-endian unsigned number of width bytes (1 to 8) at offset, all of it
     // before end.
     std::optional<uint64_t> number(uint64_t offset, uint64_t width, uint64_t end) const
@@ -97,9 +143,35 @@ private:
         return theBytes.substr(offset, count);
     }
 
-    std::optional<PropertyList> object(uint64_t index, int depth)
+    std::optional<Made> object(uint64_t index, int depth)
     {
-        if (index >= theObjectCount || depth > theMaximumDepth || theBudget == 0) {
+        if (index >= theObjectCount || depth > theMaximumDepth) {
+            return std::nullopt;
+        }
+        if (const auto found = theMade.find(index); found != theMade.end()) {
+            if (depth + found->second.height > theMaximumDepth) {
+                return std::nullopt;
+            }
+            return found->second;
+        }
+        auto made = make(index, depth);
+        if (made) {
+            theMade.emplace(index, *made);
+        }
+        return made;
+    }
+
+    std::optional<Made> scalar(std::optional<PropertyList> value) const
+    {
+        if (!value) {
+            return std::nullopt;
+        }
+        return Made{std::move(*value), 0};
+    }
+
+    std::optional<Made> make(uint64_t index, int depth)
+    {
+        if (theBudget == 0) {
             return std::nullopt;
         }
         --theBudget;
@@ -117,11 +189,11 @@ private:
         switch (kind) {
         case kSingleton:
             if (size == kFalse || size == kTrue) {
-                return PropertyList::boolean(size == kTrue);
+                return scalar(PropertyList::boolean(size == kTrue));
             }
             return std::nullopt;
-        case kInteger: return integer(body, size);
-        case kReal: return real(body, size);
+        case kInteger: return scalar(integer(body, size));
+        case kReal: return scalar(real(body, size));
         case kDate: {
             if (size != 3) {
                 return std::nullopt;
@@ -130,14 +202,14 @@ private:
             if (!seconds) {
                 return std::nullopt;
             }
-            return PropertyList::date(kSecondsFrom1970To2001 + *seconds->asReal());
+            return scalar(PropertyList::date(kSecondsFrom1970To2001 + *seconds->asReal()));
         }
         case kUID: {
             const auto value = number(body, uint64_t{size} + 1, theTableOffset);
             if (!value) {
                 return std::nullopt;
             }
-            return PropertyList::integer(static_cast<int64_t>(*value));
+            return scalar(PropertyList::integer(static_cast<int64_t>(*value)));
         }
         case kData:
         case kASCIIString:
@@ -155,24 +227,24 @@ private:
         switch (kind) {
         case kData: {
             const auto bytes = span(start, *count);
-            if (!bytes) {
+            if (!bytes || !spend(bytes->size())) {
                 return std::nullopt;
             }
-            return PropertyList::data(std::vector<uint8_t>(bytes->begin(), bytes->end()));
+            return scalar(PropertyList::data(std::vector<uint8_t>(bytes->begin(), bytes->end())));
         }
         case kASCIIString: {
             const auto bytes = span(start, *count);
-            if (!bytes || bytes->find('\0') != std::string_view::npos) {
+            if (!bytes || bytes->find('\0') != std::string_view::npos || !spend(bytes->size())) {
                 return std::nullopt;
             }
-            return PropertyList::string(std::string(*bytes));
+            return scalar(PropertyList::string(std::string(*bytes)));
         }
         case kUTF16String: {
             auto text = utf16(start, *count);
-            if (!text) {
+            if (!text || !spend(text->size())) {
                 return std::nullopt;
             }
-            return PropertyList::string(std::move(*text));
+            return scalar(PropertyList::string(std::move(*text)));
         }
         case kArray:
         case kSet: return array(start, *count, depth);
@@ -289,44 +361,52 @@ private:
         return count <= theTableOffset / theReferenceSize && span(start, count * theReferenceSize).has_value();
     }
 
-    std::optional<PropertyList> array(uint64_t start, uint64_t count, int depth)
+    std::optional<Made> array(uint64_t start, uint64_t count, int depth)
     {
-        if (!referencesFit(start, count)) {
+        if (!referencesFit(start, count) || count > theBytesLeft / kElementBytes || !spend(count * kElementBytes)) {
             return std::nullopt;
         }
         PropertyList::Array items;
         items.reserve(count);
+        int height = 0;
         for (uint64_t i = 0; i < count; ++i) {
             const auto index = reference(start, i);
             auto item = index ? object(*index, depth + 1) : std::nullopt;
             if (!item) {
                 return std::nullopt;
             }
-            items.push_back(std::move(*item));
+            height = std::max(height, item->height + 1);
+            items.push_back(std::move(item->value));
         }
-        return PropertyList::array(std::move(items));
+        return Made{PropertyList::array(std::move(items)), height};
     }
 
-    std::optional<PropertyList> dictionary(uint64_t start, uint64_t count, int depth)
+    std::optional<Made> dictionary(uint64_t start, uint64_t count, int depth)
     {
-        if (count > theTableOffset / 2 || !referencesFit(start, 2 * count)) {
+        if (count > theTableOffset / 2 || !referencesFit(start, 2 * count) || count > theBytesLeft / kElementBytes ||
+            !spend(count * kElementBytes)) {
             return std::nullopt;
         }
         PropertyList::Dictionary entries;
+        int height = 0;
         for (uint64_t i = 0; i < count; ++i) {
             const auto keyIndex = reference(start, i);
             const auto valueIndex = reference(start, count + i);
             auto key = keyIndex ? object(*keyIndex, depth + 1) : std::nullopt;
-            if (!key || key->asString() == nullptr || !valueIndex) {
+            const std::string* keyText = key ? key->value.asString() : nullptr;
+            // A key is copied into every dictionary that uses it: each copy
+            // counts.
+            if (keyText == nullptr || !valueIndex || !spend(keyText->size())) {
                 return std::nullopt;
             }
             auto value = object(*valueIndex, depth + 1);
             if (!value) {
                 return std::nullopt;
             }
-            entries.insert_or_assign(*key->asString(), std::move(*value));
+            height = std::max(height, value->height + 1);
+            entries.insert_or_assign(*keyText, std::move(value->value));
         }
-        return PropertyList::dictionary(std::move(entries));
+        return Made{PropertyList::dictionary(std::move(entries)), height};
     }
 
     std::string_view theBytes;
@@ -336,6 +416,8 @@ private:
     uint64_t theObjectCount = 0;
     uint64_t theTableOffset = 0;
     uint64_t theBudget = 0;
+    uint64_t theBytesLeft = 0;
+    std::unordered_map<uint64_t, Made> theMade;
 };
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "platform/FolderCache.h"
 #include "platform/PathParts.h"
 #include "platform/PosixIO.h"
+#include "platform/RegularFile.h"
 #include "platform/TreeRemover.h"
 #include "platform/User.h"
 
@@ -335,21 +336,8 @@ std::optional<std::vector<std::string>> FileManager::enumeratorAtPath(const std:
 
 std::optional<std::string> FileManager::contentsAtPath(const std::string& path, std::error_code* error) const
 {
-    if (path.empty()) {
-        report(error, emptyPathError());
-        return std::nullopt;
-    }
-    std::error_code reason;
-    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY | O_NOCTTY, 0, &reason);
-    if (!fd.valid()) {
-        report(error, reason);
-        return std::nullopt;
-    }
-    std::string contents;
-    if (!report(error, posix::readAll(fd.get(), contents))) {
-        return std::nullopt;
-    }
-    return contents;
+    // Bounded and regular files only: see RegularFile.h.
+    return RegularFile::read(path, RegularFile::kSizeLimit, error);
 }
 
 namespace {

@@ -70,7 +70,9 @@ public:
     // contents, names sorted within a folder; descends into subfolders but not
     // into links. None when the path is not a folder.
     std::optional<std::vector<std::string>> enumeratorAtPath(const std::string& path) const;
-    // The whole file as bytes; none when it cannot be read.
+    // The whole file as bytes; none when it cannot be read. Only a regular
+    // file (after the final link) is read, opened without blocking, and only
+    // up to RegularFile::kSizeLimit bytes (see RegularFile.h).
     std::optional<std::string> contentsAtPath(const std::string& path, std::error_code* error = nullptr) const;
 
     // Attributes as values ------------------------------------------------------

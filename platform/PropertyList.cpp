@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <limits>
+#include <new>
+#include <stdexcept>
 #include <utility>
 #include <variant>
 
@@ -345,11 +347,20 @@ std::optional<PropertyList> PropertyList::fromBytes(std::string_view bytes)
     plist_t root = nullptr;
     plist_from_memory(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
     const PlistHandle owner(root);
-    return fromNode(root, 0);
+    // What no memory can be had for reads as damaged: input never ends the
+    // process.
+    try {
+        return fromNode(root, 0);
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    } catch (const std::length_error&) {
+        return std::nullopt;
+    }
 }
 
 std::optional<PropertyList> PropertyList::readFromFile(const std::string& path)
 {
+    // Only a regular file of at most RegularFile::kSizeLimit bytes is read.
     const std::optional<std::string> bytes = FileManager::defaultManager().contentsAtPath(path);
     if (!bytes) {
         return std::nullopt;

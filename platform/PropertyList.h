@@ -42,11 +42,14 @@ public:
     // A dictionary's value for key; nullptr when missing or not a dictionary.
     const PropertyList* objectForKey(std::string_view key) const noexcept;
 
-    // A file that is missing or not a property list gives none.
+    // A file that is missing or not a property list gives none; so does one
+    // that is not a regular file or is larger than RegularFile::kSizeLimit
+    // (FileManager::contentsAtPath reads it), with a console line.
     static std::optional<PropertyList> readFromFile(const std::string& path);
     // As readFromFile, and none unless the top value is a dictionary.
     static std::optional<PropertyList> dictionaryWithContentsOfFile(const std::string& path);
-    // Parses XML or binary property-list bytes.
+    // Parses XML or binary property-list bytes; none when they are damaged,
+    // including when no memory can be had for the value.
     static std::optional<PropertyList> fromBytes(std::string_view bytes);
     // Writes XML; atomically goes through a temporary file and a rename.
     bool writeToFile(const std::string& path, bool atomically) const;

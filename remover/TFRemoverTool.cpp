@@ -10,16 +10,16 @@
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
+#include "remover/InstallLogList.h"
 #include "platform/Bundle.h"
 #include "platform/ConsoleLog.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Path.h"
 #include "platform/PropertyList.h"
-#include "platform/Scanner.h"
 #include "platform/Task.h"
 #include "platform/Text.h"
-#include "platform/TextEncoding.h"
+#include "platform/TrustedFile.h"
 #include "platform/Workspace.h"
 
 int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*) = nullptr;  // NOLINT
@@ -82,6 +82,13 @@ std::string appendingFormatWithoutArguments(const std::string& base, const std::
         }
     }
     return result;
+}
+
+// True when the text can name one folder inside another: not empty, not "."
+// or "..", and without a slash.
+bool isFolderName(const std::string& text)
+{
+    return !text.empty() && text != "." && text != ".." && text.find('/') == std::string::npos;
 }
 
 // The name the library's status code is reported by, or none for success.
@@ -150,6 +157,12 @@ std::optional<std::string> TFRemoverTool::productInstallLogPath() const
     if (!identifier) {
         return std::nullopt;
     }
+    // The identifier is one folder name; anything else could lead the read
+    // out of the log folder ("../../../Users/Shared/x").
+    if (!isFolderName(*identifier)) {
+        platform::ConsoleLog::log("no install log: the bundle identifier \"" + *identifier + "\" is not a folder name");
+        return std::nullopt;
+    }
     return platform::appendingPathComponents(kInstallLogFolder, {*identifier, kInstallLogName});
 }
 
@@ -163,71 +176,64 @@ void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath, 
     destroyAndReport(*logPath, tag);
 }
 
-std::vector<std::string> TFRemoverTool::entriesOfList(std::string_view listBytes, std::string_view appFolder)
-{
-    std::vector<std::string> entries;
-    const std::optional<std::string> text = platform::textFromBytes(listBytes);
-    if (!text) {
-        return entries;
-    }
-    platform::Scanner lines(*text);
-    while (!lines.isAtEnd()) {
-        std::string line;
-        if (!lines.scanUpToString("\n", &line)) {
-            break;
-        }
-        std::string field;
-        platform::Scanner(line).scanUpToString("\t", &field);
-
-        std::string path = platform::expandingTildeInPath(field);
-        if (!platform::isAbsolutePath(path)) {
-            path = platform::appendingPathComponent(appFolder, field);
-        }
-        entries.push_back(std::move(path));
-    }
-    return entries;
-}
-
 void TFRemoverTool::listToDelete(const std::string& listPath)
 {
     // The list is read whole first, so a list that names its own file still
-    // runs to its end.
-    const std::optional<std::string> bytes = FileManager::defaultManager().contentsAtPath(listPath);
+    // runs to its end. Only a list nobody but root (or the running user)
+    // could have written is read; every refusal is told on the console.
+    std::optional<std::string> bytes = platform::TrustedFile::read(listPath);
     if (!bytes) {
         return;
     }
-    const std::vector<std::string> entries = entriesOfList(*bytes, theAppParentPath.value_or(""));
+    std::optional<std::string> text = InstallLogList::text(std::move(*bytes));
+    bytes.reset();
+    if (!text) {
+        platform::ConsoleLog::log("not read: " + listPath + ": not text (UTF-8, or UTF-16 with a byte-order mark)");
+        return;
+    }
 
     const bool pluginMayGo = shouldDeleteBrowserPlugin();
     bool preferencesMet = false;
     bool pluginMet = false;
     int32_t tag = 0;
 
-    for (const std::string& path : entries) {
-        try {
-            // Only the first occurrence of each protected path is guarded:
-            // once both have been met the comparisons stop for this list.
-            const bool isProtected = path == kBrowserPluginPreferencesPath || path == kBrowserPluginPath;
-            const bool skip = !pluginMayGo && !(preferencesMet && pluginMet) && isProtected;
-            if (!skip) {
-                bool isDirectory = false;
-                if (FileManager::defaultManager().fileExistsAtPath(path, &isDirectory)) {
-                    destroyAndReport(path, &tag);
-                } else {
-                    printStatus(kStatusFileMissing, path);
+    const bool complete =
+        InstallLogList::forEachEntry(std::move(*text), theAppParentPath.value_or(""), [&](const std::string& path) {
+            try {
+                // Only the first occurrence of each protected path is guarded:
+                // once both have been met the comparisons stop for this list.
+                const bool isProtected = path == kBrowserPluginPreferencesPath || path == kBrowserPluginPath;
+                const bool skip = !pluginMayGo && !(preferencesMet && pluginMet) && isProtected;
+                if (!skip) {
+                    removeListedPath(path, &tag);
                 }
+                if (!pluginMayGo) {
+                    if (!preferencesMet && path == kBrowserPluginPreferencesPath) {
+                        preferencesMet = true;
+                    }
+                    if (!pluginMet && path == kBrowserPluginPath) {
+                        pluginMet = true;
+                    }
+                }
+            } catch (const platform::Exception& exception) {
+                std::fprintf(theOutput, "Exception:  %s \n", exception.description().c_str());
             }
-            if (!pluginMayGo) {
-                if (!preferencesMet && path == kBrowserPluginPreferencesPath) {
-                    preferencesMet = true;
-                }
-                if (!pluginMet && path == kBrowserPluginPath) {
-                    pluginMet = true;
-                }
-            }
-        } catch (const platform::Exception& exception) {
-            std::fprintf(theOutput, "Exception:  %s \n", exception.description().c_str());
-        }
+        });
+    if (!complete) {
+        platform::ConsoleLog::log("not read to its end: " + listPath + ": not enough memory");
+    }
+}
+
+void TFRemoverTool::removeListedPath(const std::string& path, int32_t* tag) const
+{
+    // A path holding NUL names no file: the system would see only the text
+    // before it. Nothing is touched, and the line, printed as C prints a
+    // string, ends at the NUL.
+    bool isDirectory = false;
+    if (path.find('\0') == std::string::npos && FileManager::defaultManager().fileExistsAtPath(path, &isDirectory)) {
+        destroyAndReport(path, tag);
+    } else {
+        printStatus(kStatusFileMissing, path);
     }
 }
 

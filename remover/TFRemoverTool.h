@@ -35,15 +35,13 @@ public:
     // lines keep their order when it is a file shared with the children.
     void setOutput(std::FILE* output) noexcept { theOutput = output; }
 
-    // Install logs and the bundle's own list.
-    // The paths a list names, in order, one per line: the text before the
-    // first tab, with leading white space skipped, "~" expanded, and a
-    // relative entry resolved against appFolder. A byte-order mark chooses
-    // UTF-8 or UTF-16; a UTF-16 list that does not decode names nothing.
-    // Reads and deletes nothing.
-    static std::vector<std::string> entriesOfList(std::string_view listBytes, std::string_view appFolder);
+    // Install logs and the bundle's own list (format: InstallLogList.h).
     // Removes every path a list file names, keeping the browser plug-in and
-    // its preference file unless they belong to this application.
+    // its preference file unless they belong to this application. A list is
+    // read only when only root or the running user could have written it, it
+    // is a regular file of at most RegularFile::kSizeLimit bytes, and it is
+    // text; otherwise nothing is printed, the plug-in question is not asked,
+    // and the console says why ("not read: PATH: REASON").
     void listToDelete(const std::string& listPath);
     // True when the plug-in's preference file names this application.
     // Throws platform::Exception when the named value is not text.
@@ -85,10 +83,15 @@ private:
     // Destroys the item at path and prints "Removed" or "ErrorRemovingFile"
     // for it.
     void destroyAndReport(const std::string& path, int32_t* tag) const;
+    // One entry of a list: destroyed and reported, or "FileMissing" when it
+    // does not exist or holds a NUL byte.
+    void removeListedPath(const std::string& path, int32_t* tag) const;
     // An install log: its entries, then the log itself. Silent when missing.
     void removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag);
     // The product's install log, named by the application bundle's
-    // identifier; none when the bundle cannot be opened or has none.
+    // identifier; none when the bundle cannot be opened or has none, or when
+    // the identifier is not one folder name (empty, ".", "..", or holding a
+    // "/"), which the console then tells.
     std::optional<std::string> productInstallLogPath() const;
     void forgetReceipts();
 

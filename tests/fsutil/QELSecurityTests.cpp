@@ -1,6 +1,7 @@
 #include "fsutil/QELSecurity.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -87,6 +88,33 @@ TEST_F(QELSecurityHashTest, HashForFileOfADirectoryGivesStatusFourAndSixtyFourZe
     EXPECT_EQ(QELSecurity::hashForFile(dir.path(), &status), kSixtyFourZeros);
     EXPECT_EQ(status, 4);
 }
+
+// What is not a regular file is never mapped, and opening it never waits.
+class QELSecurityHashOfNonRegularTest : public QELSecurityHashTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(QELSecurityHashOfNonRegularTest, GivesStatusFourAtOnce)
+{
+    const std::string path = dir.at("item");
+    const std::string kind = GetParam();
+    if (kind == "fifo") {
+        ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    } else if (kind == "link-to-dev-zero") {
+        ASSERT_EQ(::symlink("/dev/zero", path.c_str()), 0);
+    } else {
+        ASSERT_EQ(::symlink("/dev/urandom", path.c_str()), 0);
+    }
+    int32_t status = -7;
+    EXPECT_EQ(QELSecurity::hashForFile(path, &status), kSixtyFourZeros);
+    EXPECT_EQ(status, 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(Items, QELSecurityHashOfNonRegularTest,
+                         testing::Values("fifo", "link-to-dev-zero", "link-to-dev-urandom"),
+                         [](const testing::TestParamInfo<const char*>& info) {
+                             std::string name = info.param;
+                             std::replace(name.begin(), name.end(), '-', '_');
+                             return name;
+                         });
 
 TEST_F(QELSecurityHashTest, HashForFileOfAFileThatReportsNoSizeGivesStatusFour)
 {

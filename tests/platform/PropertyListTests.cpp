@@ -7,11 +7,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <limits>
+#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <vector>
 
+#include "platform/RegularFile.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -537,6 +540,150 @@ TEST(PropertyListTest, WriteIntoAMissingFolderFails)
     EXPECT_FALSE(PropertyList::integer(5).writeToFile(dir.at("no/such/folder.plist"), true));
     EXPECT_FALSE(PropertyList::integer(5).writeToFile(dir.at("no/such/folder.plist"), false));
     EXPECT_FALSE(std::filesystem::exists(dir.at("no")));
+}
+
+// A binary property list of the given objects (each its encoded bytes, the
+// first the root), with four-byte offsets and references.
+std::string binaryPlistOf(const std::vector<std::string>& objects)
+{
+    std::string bytes = "bplist00";
+    std::vector<uint32_t> offsets;
+    for (const std::string& object : objects) {
+        offsets.push_back(static_cast<uint32_t>(bytes.size()));
+        bytes += object;
+    }
+    const auto tableOffset = static_cast<uint64_t>(bytes.size());
+    for (const uint32_t offset : offsets) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            bytes += static_cast<char>(offset >> shift);
+        }
+    }
+    std::string trailer(32, '\0');
+    trailer[6] = 4;
+    trailer[7] = 4;
+    for (int i = 0; i < 8; ++i) {
+        trailer[8 + i] = static_cast<char>(uint64_t{objects.size()} >> (56 - 8 * i));
+        trailer[24 + i] = static_cast<char>(tableOffset >> (56 - 8 * i));
+    }
+    return bytes + trailer;
+}
+
+std::string bigEndian32(uint32_t value)
+{
+    std::string out;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        out += static_cast<char>(value >> shift);
+    }
+    return out;
+}
+
+// The marker of a variable-size object of `count` elements, the count
+// following as a four-byte integer.
+std::string markerWithCount(unsigned kind, uint32_t count)
+{
+    return std::string(1, static_cast<char>((kind << 4) | 0x0F)) + "\x12" + bigEndian32(count);
+}
+
+std::string asciiString(std::size_t length)
+{
+    return markerWithCount(0x5, static_cast<uint32_t>(length)) + std::string(length, 'k');
+}
+
+TEST(PropertyListTest, StringReferredToFromEveryItemOfALargeArrayIsHeldOnce)
+{
+    // 262,144 references to one 256 KiB string: 64 GiB if each were a copy.
+    constexpr uint32_t kItems = 262144;
+    std::string array = markerWithCount(0xA, kItems);
+    for (uint32_t i = 0; i < kItems; ++i) {
+        array += bigEndian32(1);
+    }
+    const std::string bytes = binaryPlistOf({array, asciiString(256 * 1024)});
+    ASSERT_LT(bytes.size(), 2U << 20);
+    const std::optional<PropertyList> read = PropertyList::fromBytes(bytes);
+    ASSERT_TRUE(read.has_value());
+    const PropertyList::Array& items = *read->asArray();
+    ASSERT_EQ(items.size(), kItems);
+    ASSERT_NE(items.front().asString(), nullptr);
+    EXPECT_EQ(items.front().asString()->size(), 256U * 1024U);
+    EXPECT_EQ(items.front().asString(), items.back().asString());
+}
+
+TEST(PropertyListTest, KeyCopiedIntoManyDictionariesPastTheFilesProportionIsDamaged)
+{
+    // 10,000 dictionaries, each with the same 64 KiB key: a file of a few
+    // hundred KiB that would produce 640 MiB of keys.
+    constexpr uint32_t kDictionaries = 10000;
+    std::vector<std::string> objects;
+    std::string array = markerWithCount(0xA, kDictionaries);
+    for (uint32_t i = 0; i < kDictionaries; ++i) {
+        array += bigEndian32(2 + i);
+    }
+    objects.push_back(array);
+    objects.push_back(asciiString(64 * 1024));
+    for (uint32_t i = 0; i < kDictionaries; ++i) {
+        objects.push_back("\xD1" + bigEndian32(1) + bigEndian32(1));
+    }
+    const std::string bytes = binaryPlistOf(objects);
+    ASSERT_LT(bytes.size(), 512U * 1024U);
+    EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
+}
+
+TEST(PropertyListTest, KeySharedByAFewDictionariesIsRead)
+{
+    std::vector<std::string> objects;
+    std::string array = markerWithCount(0xA, 3);
+    for (uint32_t i = 0; i < 3; ++i) {
+        array += bigEndian32(2 + i);
+    }
+    objects.push_back(array);
+    objects.push_back(asciiString(100));
+    for (uint32_t i = 0; i < 3; ++i) {
+        objects.push_back("\xD1" + bigEndian32(1) + bigEndian32(1));
+    }
+    const std::optional<PropertyList> read = PropertyList::fromBytes(binaryPlistOf(objects));
+    ASSERT_TRUE(read.has_value());
+    ASSERT_EQ(read->asArray()->size(), 3U);
+    const std::string key(100, 'k');
+    EXPECT_EQ(*read->asArray()->at(2).objectForKey(key), PropertyList::string(key));
+}
+
+TEST(PropertyListTest, SharedArrayMetDeeperThanTheDepthLimitAllowsIsDamaged)
+{
+    // Object 1 is a chain of 400 arrays; the root holds it directly and
+    // again inside another chain of 200: 600 levels in all.
+    std::vector<std::string> objects(602);
+    objects[0] = "\xA2" + bigEndian32(1) + bigEndian32(401);
+    for (uint32_t i = 1; i < 400; ++i) {
+        objects[i] = "\xA1" + bigEndian32(i + 1);
+    }
+    objects[400] = "\xA0";
+    for (uint32_t i = 401; i < 601; ++i) {
+        objects[i] = "\xA1" + bigEndian32(i + 1);
+    }
+    objects[601] = "\xA1" + bigEndian32(1);
+    EXPECT_FALSE(PropertyList::fromBytes(binaryPlistOf(objects)).has_value());
+}
+
+TEST(PropertyListTest, FifoReadsAsNoneAtOnce)
+{
+    testsupport::TempDir dir;
+    ASSERT_EQ(::mkfifo(dir.at("prefs.plist").c_str(), 0600), 0);
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("prefs.plist")).has_value());
+}
+
+TEST(PropertyListTest, LinkToDevZeroReadsAsNone)
+{
+    testsupport::TempDir dir;
+    std::filesystem::create_symlink("/dev/zero", dir.at("prefs.plist"));
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("prefs.plist")).has_value());
+}
+
+TEST(PropertyListTest, SparseFileLargerThanTheLimitReadsAsNone)
+{
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("prefs.plist"), PropertyList::integer(5).toXML());
+    std::filesystem::resize_file(dir.at("prefs.plist"), platform::RegularFile::kSizeLimit + 1);
+    EXPECT_FALSE(PropertyList::readFromFile(dir.at("prefs.plist")).has_value());
 }
 
 }  // namespace

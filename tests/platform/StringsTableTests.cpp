@@ -4,8 +4,11 @@
 #include <plist/plist.h>
 
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <string_view>
 
+#include "platform/RegularFile.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -259,6 +262,30 @@ TEST(StringsTableTest, BinaryTablesWhoseKeyHoldsNULAreDamaged)
     testsupport::writeFile(dir.at("Localizable.strings"), wideLength);
     EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
     testsupport::writeFile(dir.at("Localizable.strings"), wideOffsets);
+    EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
+}
+
+TEST(StringsTableTest, FifoReadsAsNoneAtOnce)
+{
+    testsupport::TempDir dir;
+    ASSERT_EQ(::mkfifo(dir.at("Localizable.strings").c_str(), 0600), 0);
+    EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
+}
+
+TEST(StringsTableTest, LinkToDevZeroReadsAsNone)
+{
+    testsupport::TempDir dir;
+    ASSERT_EQ(::symlink("/dev/zero", dir.at("Localizable.strings").c_str()), 0);
+    EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
+}
+
+TEST(StringsTableTest, SparseFileLargerThanTheLimitReadsAsNone)
+{
+    testsupport::TempDir dir;
+    testsupport::writeFile(dir.at("Localizable.strings"), "\"a\" = \"b\";\n");
+    ASSERT_EQ(
+        ::truncate(dir.at("Localizable.strings").c_str(), static_cast<off_t>(platform::RegularFile::kSizeLimit) + 1),
+        0);
     EXPECT_FALSE(StringsTable::readFromFile(dir.at("Localizable.strings")).has_value());
 }
 

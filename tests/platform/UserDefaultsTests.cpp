@@ -1,6 +1,7 @@
 #include "platform/UserDefaults.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <limits>
@@ -154,6 +155,20 @@ TEST_F(UserDefaultsTest, StoredDomainsAreReadAfreshAtEveryLookUp)
     writeDomain(globalDomainPath(), strings({{"Mode", "second"}}));
     EXPECT_EQ(defaults().stringForKey("Mode"), "second");
     std::filesystem::remove(globalDomainPath());
+    EXPECT_FALSE(defaults().stringForKey("Mode").has_value());
+}
+
+TEST_F(UserDefaultsTest, FifoInPlaceOfTheGlobalDomainIsSkippedAtOnce)
+{
+    ASSERT_EQ(::mkfifo(globalDomainPath().c_str(), 0600), 0);
+    defaults().setArgumentDomainFromArguments({"-Other", "argument"});
+    EXPECT_FALSE(defaults().stringForKey("Mode").has_value());
+    EXPECT_EQ(defaults().stringForKey("Other"), "argument");
+}
+
+TEST_F(UserDefaultsTest, LinkToDevZeroInPlaceOfTheGlobalDomainIsSkipped)
+{
+    std::filesystem::create_symlink("/dev/zero", globalDomainPath());
     EXPECT_FALSE(defaults().stringForKey("Mode").has_value());
 }
 

@@ -6,13 +6,22 @@
 #include <memory>
 #include <gtest/gtest.h>
 #include <stdexcept>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <ostream>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 #include "platform/Exception.h"
 #include "platform/Workspace.h"
+#include "remover/InstallLogList.h"
 #include "remover/TFRemoverTool.h"
+#include "platform/RegularFile.h"
+#include "tests/support/ConsoleCapture.h"
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
 using testsupport::TempDir;
@@ -98,8 +107,6 @@ std::unique_ptr<TFRemoverTool> removerFor(const std::string& appPath)
     remover->setAppPath(appPath);
     return remover;
 }
-
-}  // namespace
 
 TEST(SetAppPath, ParentIsThePathLessItsLastComponent)
 {
@@ -364,6 +371,18 @@ TEST_F(ListToDeleteTest, OtherThrownTypesLeaveTheList)
 
 using Entries = std::vector<std::string>;
 
+// The paths a list's bytes name, collected; none when they are not text.
+Entries entriesOfList(std::string listBytes, std::string_view appFolder)
+{
+    Entries entries;
+    std::optional<std::string> text = InstallLogList::text(std::move(listBytes));
+    if (text) {
+        EXPECT_TRUE(InstallLogList::forEachEntry(std::move(*text), appFolder,
+                                                 [&](const std::string& path) { entries.push_back(path); }));
+    }
+    return entries;
+}
+
 // A string of the given bytes, NULs included.
 template <std::size_t N>
 std::string bytes(const char (&text)[N])
@@ -371,59 +390,57 @@ std::string bytes(const char (&text)[N])
     return {text, N - 1};
 }
 
-TEST(EntriesOfList, OnePathPerLineBeforeTheFirstTab)
+TEST(InstallLogListEntries, OnePathPerLineBeforeTheFirstTab)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList("/a/b\tfile\t0644\n  /c\n\n", "/Apps"), (Entries{"/a/b", "/c"}));
+    EXPECT_EQ(entriesOfList("/a/b\tfile\t0644\n  /c\n\n", "/Apps"), (Entries{"/a/b", "/c"}));
 }
 
-TEST(EntriesOfList, RelativeEntryResolvesAgainstTheApplicationFolder)
+TEST(InstallLogListEntries, RelativeEntryResolvesAgainstTheApplicationFolder)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList("X.app\n", "/Apps/Folder"), (Entries{"/Apps/Folder/X.app"}));
+    EXPECT_EQ(entriesOfList("X.app\n", "/Apps/Folder"), (Entries{"/Apps/Folder/X.app"}));
 }
 
-TEST(EntriesOfList, CarriageReturnStaysPartOfThePath)
+TEST(InstallLogListEntries, CarriageReturnStaysPartOfThePath)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList("/a\r\n", "/Apps"), (Entries{"/a\r"}));
+    EXPECT_EQ(entriesOfList("/a\r\n", "/Apps"), (Entries{"/a\r"}));
 }
 
-TEST(EntriesOfList, UTF8ByteOrderMarkIsNotPartOfTheFirstEntry)
+TEST(InstallLogListEntries, UTF8ByteOrderMarkIsNotPartOfTheFirstEntry)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList("\xEF\xBB\xBF/Library/x\n/y\n", "/Apps"), (Entries{"/Library/x", "/y"}));
+    EXPECT_EQ(entriesOfList("\xEF\xBB\xBF/Library/x\n/y\n", "/Apps"), (Entries{"/Library/x", "/y"}));
 }
 
-TEST(EntriesOfList, ByteOrderMarkLaterInTheListStaysInItsEntry)
+TEST(InstallLogListEntries, ByteOrderMarkLaterInTheListStaysInItsEntry)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList("/a\n\xEF\xBB\xBF/b\n", "/Apps"), (Entries{"/a", "/Apps/\xEF\xBB\xBF/b"}));
+    EXPECT_EQ(entriesOfList("/a\n\xEF\xBB\xBF/b\n", "/Apps"), (Entries{"/a", "/Apps/\xEF\xBB\xBF/b"}));
 }
 
-TEST(EntriesOfList, LittleEndianUTF16WithByteOrderMarkIsReadAsUTF16)
+TEST(InstallLogListEntries, LittleEndianUTF16WithByteOrderMarkIsReadAsUTF16)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFF\xFE/\0a\0\xE9\0\n\0/\0b\0\t\0x\0"), "/Apps"),
-              (Entries{"/a\xC3\xA9", "/b"}));
+    EXPECT_EQ(entriesOfList(bytes("\xFF\xFE/\0a\0\xE9\0\n\0/\0b\0\t\0x\0"), "/Apps"), (Entries{"/a\xC3\xA9", "/b"}));
 }
 
-TEST(EntriesOfList, BigEndianUTF16WithByteOrderMarkIsReadAsUTF16)
+TEST(InstallLogListEntries, BigEndianUTF16WithByteOrderMarkIsReadAsUTF16)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFE\xFF\0/\0a\0\n\0r\0\n"), "/Apps"), (Entries{"/a", "/Apps/r"}));
+    EXPECT_EQ(entriesOfList(bytes("\xFE\xFF\0/\0a\0\n\0r\0\n"), "/Apps"), (Entries{"/a", "/Apps/r"}));
 }
 
-TEST(EntriesOfList, UTF16ThatDoesNotDecodeNamesNothing)
+TEST(InstallLogListEntries, UTF16ThatDoesNotDecodeNamesNothing)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFF\xFE/\0a"), "/Apps"), Entries{});
-    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("\xFF\xFE\x00\xD8/\0"), "/Apps"), Entries{});
+    EXPECT_EQ(entriesOfList(bytes("\xFF\xFE/\0a"), "/Apps"), Entries{});
+    EXPECT_EQ(entriesOfList(bytes("\xFF\xFE\x00\xD8/\0"), "/Apps"), Entries{});
 }
 
-TEST(EntriesOfList, UTF16WithoutByteOrderMarkIsTakenAsBytes)
+TEST(InstallLogListEntries, UTF16WithoutByteOrderMarkIsTakenAsBytes)
 {
-    EXPECT_EQ(TFRemoverTool::entriesOfList(bytes("/\0a\0"), "/Apps"), (Entries{bytes("/\0a\0")}));
+    EXPECT_EQ(entriesOfList(bytes("/\0a\0"), "/Apps"), (Entries{bytes("/\0a\0")}));
 }
 
-TEST(EntriesOfList, DeletesNothing)
+TEST(InstallLogListEntries, DeletesNothing)
 {
     TempDir dir;
     writeFile(dir.at("keep"), "x");
-    EXPECT_EQ(TFRemoverTool::entriesOfList(dir.at("keep") + "\nkeep\n", dir.path()),
-              (Entries{dir.at("keep"), dir.at("keep")}));
+    EXPECT_EQ(entriesOfList(dir.at("keep") + "\nkeep\n", dir.path()), (Entries{dir.at("keep"), dir.at("keep")}));
     EXPECT_TRUE(exists(dir.at("keep")));
 }
 
@@ -525,3 +542,175 @@ TEST(DeleteParentFolder, MissingFolderIsReportedMissing)
     EXPECT_EQ(outputOf(remover, [&] { remover.deleteParentFolder(dir.at("App")); }),
               "FileMissing " + dir.at("App") + ".\n");
 }
+
+TEST(InstallLogListEntries, BytesThatAreNotUTF8AreNotText)
+{
+    EXPECT_FALSE(InstallLogList::text("/Library/a\n/Library/\xFF\n").has_value());
+    EXPECT_FALSE(InstallLogList::text("\xEF\xBB\xBF/Library/\xC3\n").has_value());
+}
+
+TEST(InstallLogListEntries, ValidUTF8IsHandedBackInTheSameBuffer)
+{
+    std::string bytes(1000, 'x');
+    const char* const buffer = bytes.data();
+    const std::optional<std::string> text = InstallLogList::text(std::move(bytes));
+    ASSERT_TRUE(text.has_value());
+    EXPECT_EQ(text->data(), buffer);
+}
+
+TEST(InstallLogListEntries, LineHoldingANulByteKeepsItInItsPath)
+{
+    EXPECT_EQ(entriesOfList(bytes("/Library\0/foo\n/b\n"), "/Apps"), (Entries{bytes("/Library\0/foo"), "/b"}));
+}
+
+TEST_F(ListToDeleteTest, LineHoldingANulByteTouchesNothingAndIsMissing)
+{
+    writeFile(dir.at("Library/foo"), "x");
+    // The line is printed as C prints a string: up to the NUL.
+    EXPECT_EQ(run(dir.at("Library") + std::string(1, '\0') + "/foo\n"), "FileMissing " + dir.at("Library") + ".\n");
+    EXPECT_TRUE(exists(dir.at("Library/foo")));
+}
+
+TEST_F(ListToDeleteTest, ListThatIsNotTextPrintsNothingAndRemovesNothing)
+{
+    writeFile(dir.at("keep"), "x");
+    testsupport::ConsoleCapture console;
+    EXPECT_EQ(run(dir.at("keep") + "\n\xFF\xFF\n"), "");
+    EXPECT_TRUE(exists(dir.at("keep")));
+    EXPECT_EQ(console.messages(),
+              Entries{"not read: " + listPath + ": not text (UTF-8, or UTF-16 with a byte-order mark)"});
+}
+
+// A list the remover must not read, and the console's reason.
+struct RefusedList {
+    const char* name;
+    // Makes the list at listPath (in folder `lists`, inside `top`) refused.
+    std::function<void(const std::string& top, const std::string& lists, const std::string& listPath)> make;
+    const char* reason;
+};
+
+void PrintTo(const RefusedList& list, std::ostream* out)
+{
+    *out << list.name;
+}
+
+class RefusedListTest : public testing::TestWithParam<RefusedList> {};
+
+TEST_P(RefusedListTest, PrintsNothingRemovesNothingAndTellsWhy)
+{
+    TempDir dir;
+    const std::string lists = dir.at("top/lists");
+    const std::string listPath = lists + "/uninstall.log";
+    writeFile(dir.at("keep"), "x");
+    writeFile(listPath, dir.at("keep") + "\n");
+    GetParam().make(dir.at("top"), lists, listPath);
+    TFRemoverTool remover;
+    remover.setAppPath(dir.at("Apps/App.app"));
+    testsupport::ConsoleCapture console;
+    EXPECT_EQ(outputOf(remover, [&] { remover.listToDelete(listPath); }), "");
+    EXPECT_TRUE(exists(dir.at("keep")));
+    EXPECT_EQ(console.messages(), Entries{"not read: " + listPath + ": " + GetParam().reason});
+}
+
+void replaceWith(const std::string& path, const std::function<void()>& make)
+{
+    std::filesystem::remove(path);
+    make();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Lists, RefusedListTest,
+    testing::Values(RefusedList{"FileOfAnotherUser",
+                                [](const std::string&, const std::string&, const std::string& list) {
+                                    ASSERT_EQ(::chown(list.c_str(), 1000, 0), 0);
+                                },
+                                "writable by uid 1000"},
+                    RefusedList{"FileWritableByItsGroup",
+                                [](const std::string&, const std::string&, const std::string& list) {
+                                    ASSERT_EQ(::chown(list.c_str(), 0, 50), 0);
+                                    ASSERT_EQ(::chmod(list.c_str(), 0664), 0);
+                                },
+                                "writable by group 50"},
+                    RefusedList{"FileWritableByOthers",
+                                [](const std::string&, const std::string&, const std::string& list) {
+                                    ASSERT_EQ(::chmod(list.c_str(), 0646), 0);
+                                },
+                                "writable by others"},
+                    RefusedList{"OwnFolderOfAnotherUser",
+                                [](const std::string&, const std::string& lists, const std::string&) {
+                                    ASSERT_EQ(::chown(lists.c_str(), 1000, 1000), 0);
+                                },
+                                "its folder is writable by uid 1000"},
+                    RefusedList{"OwnFolderStickyAndWritableByOthers",
+                                [](const std::string&, const std::string& lists, const std::string&) {
+                                    ASSERT_EQ(::chmod(lists.c_str(), 01757), 0);
+                                },
+                                "its folder is writable by others"},
+                    RefusedList{"FolderAboveWritableByItsGroup",
+                                [](const std::string& top, const std::string&, const std::string&) {
+                                    ASSERT_EQ(::chmod(top.c_str(), 0775), 0);
+                                },
+                                "a folder above it is writable by group 0"},
+                    RefusedList{"FolderAboveOfAnotherUser",
+                                [](const std::string& top, const std::string&, const std::string&) {
+                                    ASSERT_EQ(::chown(top.c_str(), 1000, 0), 0);
+                                },
+                                "a folder above it is writable by uid 1000"},
+                    RefusedList{"LinkToAListInAFolderOthersMayWrite",
+                                [](const std::string& top, const std::string&, const std::string& list) {
+                                    writeFile(top + "/shared/evil.log", "x\n");
+                                    ASSERT_EQ(::chmod((top + "/shared").c_str(), 0757), 0);
+                                    replaceWith(
+                                        list, [&] { std::filesystem::create_symlink(top + "/shared/evil.log", list); });
+                                },
+                                "the folder a link to it leads to is writable by others"},
+                    RefusedList{"Fifo",
+                                [](const std::string&, const std::string&, const std::string& list) {
+                                    replaceWith(list, [&] { ASSERT_EQ(::mkfifo(list.c_str(), 0600), 0); });
+                                },
+                                "not a regular file"},
+                    RefusedList{"LinkToDevZero",
+                                [](const std::string&, const std::string&, const std::string& list) {
+                                    replaceWith(list, [&] { std::filesystem::create_symlink("/dev/zero", list); });
+                                },
+                                // /dev is root's and not writable by others: the device
+                                // itself is refused.
+                                "not a regular file"},
+                    RefusedList{"SparseFileLargerThanTheLimit",
+                                [](const std::string&, const std::string&, const std::string& list) {
+                                    ASSERT_EQ(::truncate(list.c_str(), platform::RegularFile::kSizeLimit + 1), 0);
+                                },
+                                "larger than a file read whole may be"}),
+    [](const testing::TestParamInfo<RefusedList>& info) { return std::string(info.param.name); });
+
+TEST(TrustedList, StickyRootFolderAboveTheListsFolderIsAccepted)
+{
+    TempDir dir;
+    ASSERT_EQ(::chmod(dir.path().c_str(), 01777), 0);
+    const std::string listPath = dir.at("lists/uninstall.log");
+    writeFile(dir.at("gone"), "x");
+    writeFile(listPath, dir.at("gone") + "\n");
+    TFRemoverTool remover;
+    remover.setAppPath(dir.at("Apps/App.app"));
+    EXPECT_EQ(outputOf(remover, [&] { remover.listToDelete(listPath); }), "Removed " + dir.at("gone") + ".\n");
+}
+
+TEST(TrustedList, ListOfTheRunningUserIsRead)
+{
+    TempDir dir;
+    const std::string listPath = dir.at("lists/uninstall.log");
+    writeFile(listPath, dir.at("absent") + "\n");
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chown(dir.at("lists").c_str(), testsupport::kUnprivilegedUser, 0), 0);
+    ASSERT_EQ(::chown(listPath.c_str(), testsupport::kUnprivilegedUser, 0), 0);
+    const int status = testsupport::runUnprivileged([&] {
+        TFRemoverTool remover;
+        remover.setAppPath(dir.at("Apps/App.app"));
+        return outputOf(remover, [&] { remover.listToDelete(listPath); }) == "FileMissing " + dir.at("absent") + ".\n"
+                   ? 0
+                   : 1;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+}  // namespace
