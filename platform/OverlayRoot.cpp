@@ -465,6 +465,14 @@ bool OverlayRoot::placeStandIn(const std::string& source, const std::string& tar
         return !failure;
     };
     std::error_code failure;
+    std::string contents;
+    const posix::UniqueFd sourceFile = posix::openFile(source, O_RDONLY, 0, &failure);
+    if (!sourceFile.valid()) {
+        return done(failure);
+    }
+    if (const std::error_code readFailure = posix::readAll(sourceFile.get(), contents)) {
+        return done(readFailure);
+    }
     // Not truncated on opening: nothing is written before the file is known
     // to lie in a writable layer. Never blocks on a pipe.
     const posix::UniqueFd file = posix::openFile(target, O_WRONLY | O_NONBLOCK | O_NOCTTY, 0, &failure);
@@ -485,14 +493,6 @@ bool OverlayRoot::placeStandIn(const std::string& source, const std::string& tar
     if (!mountId ||
         std::find(theOverlayMountIds.begin(), theOverlayMountIds.end(), *mountId) == theOverlayMountIds.end()) {
         return done(std::make_error_code(std::errc::cross_device_link));
-    }
-    std::string contents;
-    const posix::UniqueFd sourceFile = posix::openFile(source, O_RDONLY, 0, &failure);
-    if (!sourceFile.valid()) {
-        return done(failure);
-    }
-    if (const std::error_code readFailure = posix::readAll(sourceFile.get(), contents)) {
-        return done(readFailure);
     }
     if (::ftruncate(file.get(), 0) != 0) {
         return done(posix::lastError());
