@@ -12,7 +12,6 @@
 
 namespace {
 
-using platform::OverlayChange;
 using Kind = platform::OverlayChange::Kind;
 using Type = platform::OverlayChange::Type;
 
