@@ -4,7 +4,9 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <cstdlib>
 #include <linux/openat2.h>
+#include <memory>
 #include <sched.h>
 #include <string_view>
 #include <sys/mount.h>
@@ -25,9 +27,9 @@ namespace {
 // devtmpfs is among them: its device nodes must keep opening (an overlay is
 // nodev), and they are devices, not files.
 constexpr std::array<std::string_view, 22> kKernelInterfaceTypes = {
-    "proc",       "sysfs",     "cgroup",   "cgroup2", "devpts",   "mqueue",    "debugfs",    "tracefs",
-    "securityfs", "pstore",    "bpf",      "configfs", "fusectl", "efivarfs",  "binfmt_misc", "hugetlbfs",
-    "autofs",     "nsfs",      "selinuxfs", "rpc_pipefs", "nfsd", "devtmpfs",
+    "proc",       "sysfs",  "cgroup",    "cgroup2",    "devpts",  "mqueue",   "debugfs",     "tracefs",
+    "securityfs", "pstore", "bpf",       "configfs",   "fusectl", "efivarfs", "binfmt_misc", "hugetlbfs",
+    "autofs",     "nsfs",   "selinuxfs", "rpc_pipefs", "nfsd",    "devtmpfs",
 };
 
 bool isKernelInterface(const MountEntry& mount)
@@ -54,8 +56,8 @@ bool liesInside(const std::string& path, const std::string& folder)
     if (folder == "/") {
         return true;
     }
-    return path == folder || (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                              path[folder.size()] == '/');
+    return path == folder ||
+           (path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 && path[folder.size()] == '/');
 }
 
 // `relative` below the folder open at `rootFd`, never through a link and
@@ -300,13 +302,22 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
             // overlay takes its layers from mounts of its own namespace, and
             // never writes to its lower one.
             const posix::UniqueFd lowerFolder = posix::openFile(folder + "/lower", O_PATH | O_DIRECTORY, 0, &error);
-            if (!lowerFolder.valid() || !makeReadOnly(mount.copy.get()) || !attach(mount.copy.get(), lowerFolder.get())) {
+            if (!lowerFolder.valid() || !makeReadOnly(mount.copy.get()) ||
+                !attach(mount.copy.get(), lowerFolder.get())) {
                 builder.fail("cannot attach a copy of " + mountPoint);
                 return std::nullopt;
             }
             std::error_code overlayError;
             const posix::UniqueFd overlayMount = makeOverlay(folder, mountAttributesOf(mount.entry), overlayError);
+            // A mount keeps its id when it is attached.
+            const std::optional<uint64_t> overlayMountId =
+                overlayMount.valid() ? MountPoint::mountIdOf(overlayMount.get()) : std::nullopt;
+            if (overlayMount.valid() && !overlayMountId) {
+                builder.fail("cannot tell the mount id of the overlay of " + mountPoint);
+                return std::nullopt;
+            }
             if (overlayMount.valid()) {
+                root.theOverlayMountIds.push_back(*overlayMountId);
                 if (!attach(overlayMount.get(), target.get())) {
                     builder.fail("cannot mount the overlay of " + mountPoint);
                     return std::nullopt;
@@ -320,8 +331,7 @@ std::optional<OverlayRoot> OverlayRoot::enter(const std::string& workFolder, Fai
                 root.theLayers.push_back(std::move(layer));
                 overlaidMounts.push_back(&mount.entry);
                 overlaid = true;
-            } else if (overlayError == std::errc::no_such_device ||
-                       overlayError == std::errc::function_not_supported) {
+            } else if (overlayError == std::errc::no_such_device || overlayError == std::errc::function_not_supported) {
                 builder.fail(FailureKind::NoOverlay, "this kernel has no overlay file system", overlayError);
                 return std::nullopt;
             } else {
@@ -405,9 +415,8 @@ bool OverlayRoot::mountProcessTable(std::error_code* error)
 {
     // In a mount namespace of the caller's own (a copy of the view), so the
     // process that made the view keeps the /proc it knows itself by.
-    const bool done =
-        ::unshare(CLONE_NEWNS) == 0 &&
-        ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY, nullptr) == 0;
+    const bool done = ::unshare(CLONE_NEWNS) == 0 &&
+                      ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY, nullptr) == 0;
     if (error != nullptr) {
         *error = done ? std::error_code() : posix::lastError();
     }
@@ -445,6 +454,80 @@ bool OverlayRoot::bindFileReadOnly(const std::string& source, const std::string&
         *error = failure;
     }
     return !failure;
+}
+
+bool OverlayRoot::placeStandIn(const std::string& source, const std::string& target, std::error_code* error)
+{
+    const auto done = [error](std::error_code failure) {
+        if (error != nullptr) {
+            *error = failure;
+        }
+        return !failure;
+    };
+    std::error_code failure;
+    std::string contents;
+    const posix::UniqueFd sourceFile = posix::openFile(source, O_RDONLY, 0, &failure);
+    if (!sourceFile.valid()) {
+        return done(failure);
+    }
+    if (const std::error_code readFailure = posix::readAll(sourceFile.get(), contents)) {
+        return done(readFailure);
+    }
+    // Not truncated on opening: nothing is written before the file is known
+    // to lie in a writable layer. Never blocks on a pipe.
+    const posix::UniqueFd file = posix::openFile(target, O_WRONLY | O_NONBLOCK | O_NOCTTY, 0, &failure);
+    if (!file.valid()) {
+        if (failure == std::errc::read_only_file_system) {
+            return bindFileReadOnly(source, target, error);
+        }
+        return done(failure);
+    }
+    struct stat before {};
+    if (const std::error_code statFailure = posix::statDescriptor(file.get(), before)) {
+        return done(statFailure);
+    }
+    if (!S_ISREG(before.st_mode)) {
+        return done(std::make_error_code(std::errc::invalid_argument));
+    }
+    const std::optional<uint64_t> mountId = MountPoint::mountIdOf(file.get());
+    if (!mountId ||
+        std::find(theOverlayMountIds.begin(), theOverlayMountIds.end(), *mountId) == theOverlayMountIds.end()) {
+        return done(std::make_error_code(std::errc::cross_device_link));
+    }
+    if (::ftruncate(file.get(), 0) != 0) {
+        return done(posix::lastError());
+    }
+    if (const std::error_code writeFailure = posix::writeAll(file.get(), contents)) {
+        return done(writeFailure);
+    }
+    // Its times as they were: only its contents differ from the real file.
+    const std::array<struct timespec, 2> times = {before.st_atim, before.st_mtim};
+    if (::futimens(file.get(), times.data()) != 0) {
+        return done(posix::lastError());
+    }
+    struct stat after {};
+    if (const std::error_code statFailure = posix::statDescriptor(file.get(), after)) {
+        return done(statFailure);
+    }
+    const std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(target.c_str(), nullptr), &std::free);
+    if (!resolved) {
+        return done(posix::lastError());
+    }
+    thePlacedStandIns.push_back({resolved.get(), after.st_dev, after.st_ino, after.st_ctim});
+    return done({});
+}
+
+std::vector<std::string> OverlayRoot::standInsLeftAsPlaced() const
+{
+    std::vector<std::string> paths;
+    for (const PlacedStandIn& placed : thePlacedStandIns) {
+        struct stat now {};
+        if (::lstat(placed.path.c_str(), &now) == 0 && now.st_dev == placed.device && now.st_ino == placed.inode &&
+            now.st_ctim.tv_sec == placed.changed.tv_sec && now.st_ctim.tv_nsec == placed.changed.tv_nsec) {
+            paths.push_back(placed.path);
+        }
+    }
+    return paths;
 }
 
 }  // namespace platform

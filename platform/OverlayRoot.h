@@ -17,15 +17,18 @@
 //   OverlayRoot::Failure failure;
 //   std::optional<OverlayRoot> root = OverlayRoot::enter("/tmp", &failure);
 //   if (!root) { report(failure.message()); }
-//   root->bindFileReadOnly(standIn, "/usr/sbin/pkgutil", &error);
+//   root->placeStandIn(standIn, "/usr/sbin/pkgutil", &error);
 //   ...run the program, then read root->layers()...
 //
 // Needs root (CAP_SYS_ADMIN), mount namespaces and the overlay file system.
 #pragma once
 
+#include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <system_error>
+#include <sys/types.h>
 #include <vector>
 
 #include "platform/PosixIO.h"
@@ -84,6 +87,26 @@ public:
     // regular file or the bind fails.
     bool bindFileReadOnly(const std::string& source, const std::string& target, std::error_code* error = nullptr);
 
+    // Puts the file at `source` in place of the existing regular file at
+    // `target` (a final link followed), so that what runs or loads `target`
+    // runs or loads `source`, and what removes `target` removes it as it
+    // would remove the real file:
+    // - where the view of `target` is writable (one of the overlays), the
+    //   file of the view itself gets the contents of `source` in the
+    //   writable layer, keeping its mode, owner and times; removing it then
+    //   removes it, and what comes after finds it gone;
+    // - where the view is read-only, `source` is bound read-only over it
+    //   (bindFileReadOnly), and, like the real file there, it cannot be
+    //   removed.
+    // False, with the reason in `error`, when `target` is no regular file or
+    // neither can be done. The real file is never written: a writable file
+    // that is not on one of the overlays is refused.
+    bool placeStandIn(const std::string& source, const std::string& target, std::error_code* error = nullptr);
+    // The paths (links resolved) of the stand-ins placeStandIn() wrote into a
+    // writable layer that are still there as it left them: their change
+    // there is the preview's own, not the program's.
+    std::vector<std::string> standInsLeftAsPlaced() const;
+
     const std::vector<Layer>& layers() const noexcept { return theLayers; }
 
     // Makes the processes this process starts from now on the first ones of
@@ -110,6 +133,17 @@ private:
     // This process's own PID namespace, while its children go to another.
     posix::UniqueFd theOwnProcesses;
     std::vector<ReadOnlyMount> theReadOnlyMounts;
+    // The mounts of the overlays, by mount id: the only ones a stand-in is
+    // ever written to.
+    std::vector<uint64_t> theOverlayMountIds;
+    // A stand-in written into a writable layer, and how it was left there.
+    struct PlacedStandIn {
+        std::string path;
+        dev_t device;
+        ino_t inode;
+        struct timespec changed;
+    };
+    std::vector<PlacedStandIn> thePlacedStandIns;
 };
 
 }  // namespace platform

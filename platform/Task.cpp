@@ -8,7 +8,10 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <poll.h>
+#include <csignal>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -203,6 +206,61 @@ void Task::waitUntilExit()
         theStatus = exitStatusOf(waitStatus);
         theReason = reasonOf(waitStatus);
     }
+}
+
+}  // namespace platform
+
+namespace platform {
+
+bool Task::waitUntilExit(std::chrono::milliseconds limit)
+{
+    if (theWaited || thePid <= 0) {
+        waitUntilExit();
+        return true;
+    }
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + limit;
+    // A process descriptor becomes readable when the child ends; without
+    // one (an old kernel), the child is asked every few milliseconds.
+    const posix::UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, thePid, 0)));
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (process.valid()) {
+            pollfd watched{process.get(), POLLIN, 0};
+            const int ready = ::poll(&watched, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+            if (ready > 0) {
+                waitUntilExit();
+                return true;
+            }
+            if (ready < 0 && errno != EINTR) {
+                return false;
+            }
+        } else {
+            int waitStatus = 0;
+            const pid_t result = ::waitpid(thePid, &waitStatus, WNOHANG);
+            if (result == thePid) {
+                theWaited = true;
+                theStatus = exitStatusOf(waitStatus);
+                theReason = reasonOf(waitStatus);
+                return true;
+            }
+            if (left.count() > 0) {
+                ::usleep(5000);
+            }
+        }
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+    }
+}
+
+void Task::killAndWait()
+{
+    if (theWaited || thePid <= 0) {
+        return;
+    }
+    ::kill(thePid, SIGKILL);
+    waitUntilExit();
 }
 
 }  // namespace platform

@@ -2,6 +2,7 @@
 // list, inheriting standard input, output and error.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <sys/types.h>
 #include <utility>
@@ -45,6 +46,15 @@ public:
     ~Task();
 
     void waitUntilExit();
+    // Waits at most `limit` for the child to end: true once it has ended
+    // and been waited for (as waitUntilExit()), false while it still runs.
+    //
+    //   if (!task.waitUntilExit(std::chrono::seconds(600))) { task.killAndWait(); }
+    bool waitUntilExit(std::chrono::milliseconds limit);
+    // Ends the child with SIGKILL, which it can neither catch nor ignore
+    // (nor can the first process of a PID namespace, whose end takes every
+    // process of that namespace with it), and waits for it.
+    void killAndWait();
     // The exit status once waited for (128 + signal for a signalled child).
     int terminationStatus() const noexcept { return theStatus; }
     // Whether the child exited or a signal ended it (then terminationStatus()

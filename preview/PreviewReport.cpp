@@ -127,7 +127,8 @@ std::string PreviewReport::shellQuoted(std::string_view argument)
     if (plain) {
         return std::string(argument);
     }
-    if (std::any_of(argument.begin(), argument.end(), [](char c) { return isControl(static_cast<unsigned char>(c)); })) {
+    if (std::any_of(argument.begin(), argument.end(),
+                    [](char c) { return isControl(static_cast<unsigned char>(c)); })) {
         return "$'" + escaped(argument, '\'') + "'";
     }
     std::string out = "'";
@@ -152,13 +153,17 @@ std::string PreviewReport::text() const
         if (end == std::string::npos) {
             end = removerOutput.size();
         }
-        out += "  " + removerOutput.substr(start, end - start) + "\n";
+        out += "  " + escapedPath(std::string_view(removerOutput).substr(start, end - start)) + "\n";
         start = end + 1;
     }
     if (removerOutput.empty()) {
         out += "  nothing\n";
     }
-    if (removerSignalled) {
+    if (stoppedAfterSeconds) {
+        out += "RemoverTool did not finish within " + std::to_string(*stoppedAfterSeconds) +
+               (*stoppedAfterSeconds == 1 ? " second" : " seconds") +
+               ": the preview stopped it, and shows what it did until then.\n";
+    } else if (removerSignalled) {
         out += "RemoverTool would end abnormally (signal " + std::to_string(removerStatus - 128) + ").\n";
     } else if (removerStatus != 0) {
         out += "RemoverTool would exit with status " + std::to_string(removerStatus) + ".\n";
@@ -192,7 +197,7 @@ std::string PreviewReport::text() const
         unseen.push_back(escapedPath(mount.mountPoint) + " (" + escapedPath(mount.fileSystemType) + ", " +
                          escapedPath(mount.reason) + ")");
     }
-    appendSection(out, "Not previewed (read-only during the preview, so what the remover would do there may differ):",
-                  unseen);
+    appendSection(
+        out, "Not previewed (read-only during the preview, so what the remover would do there may differ):", unseen);
     return out;
 }

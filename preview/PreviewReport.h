@@ -19,12 +19,15 @@
 //   ...
 //
 // Every section lists its items two blanks in, "nothing" when it has none.
-// The remover's own lines stand as it prints them; paths in the other
-// sections show a control character as \r, \n, \t or \xHH and a backslash as
-// \\, so that every item is one line; commands are quoted as a shell would
-// read them.
+// The remover's lines and the paths of every other section show a control
+// character as \r, \n, \t or \xHH and a backslash as \\, so that every item
+// is one line and a terminal meets no escape sequence of the remover's
+// making (a line "/Library/x\e]0;T\a\r\e[2KRemoved /etc/passwd" shows as
+// "/Library/x\x1B]0;T\x07\r\x1B[2KRemoved /etc/passwd"); commands are quoted
+// as a shell would read them.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +45,10 @@ struct PreviewReport {
     // signal ended it, 128 + the signal.
     bool removerSignalled = false;
     int removerStatus = 0;
+    // Set when the preview stopped the remover after this many seconds:
+    // then removerSignalled and removerStatus say nothing, and the report
+    // shows what it printed, changed and ran until then.
+    std::optional<int> stoppedAfterSeconds;
     // What it changed, in any order.
     std::vector<platform::OverlayChange> changes;
     // The calls the stand-ins recorded, in order: {"run", PATH, ARGUMENT...}
@@ -52,7 +59,8 @@ struct PreviewReport {
 
     std::string text() const;
 
-    // A path with control characters and backslashes escaped.
+    // A path, or a line the remover printed, with control characters and
+    // backslashes escaped.
     static std::string escapedPath(std::string_view path);
     // An argument as a shell reads it: as it is when it holds only letters,
     // digits and "@%+=:,./-_"; in single quotes otherwise; as $'...' when it

@@ -1,5 +1,9 @@
 #include "preview/RemoverPreview.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <system_error>
 
@@ -42,9 +46,177 @@ int cannotPreview(std::FILE* console, int status, const std::string& reason)
 
 }  // namespace
 
-int RemoverPreview::run(const std::vector<std::string>& removerArguments, std::FILE* output, std::FILE* console)
+namespace {
+
+// What the preview's command line asks for.
+struct PreviewRequest {
+    int timeLimitSeconds = RemoverPreview::kDefaultTimeLimitSeconds;
+    std::vector<std::string> removerArguments;
+};
+
+// "-PreviewTimeLimit SECONDS" in front, then the remover's own arguments;
+// none when the time limit is not a whole number in range.
+std::optional<PreviewRequest> requestOf(const std::vector<std::string>& arguments, std::string& problem)
+{
+    PreviewRequest request;
+    std::size_t first = 0;
+    if (!arguments.empty() && arguments[0] == RemoverPreview::kTimeLimitOption) {
+        const std::string value = arguments.size() > 1 ? arguments[1] : std::string();
+        const bool digits =
+            !value.empty() && value.size() <= 6 && value.find_first_not_of("0123456789") == std::string::npos;
+        const int64_t seconds = digits ? platform::integerValue(value) : 0;
+        if (seconds < 1 || seconds > RemoverPreview::kLongestTimeLimitSeconds) {
+            problem = std::string(RemoverPreview::kTimeLimitOption) + " needs a whole number of seconds from 1 to " +
+                      std::to_string(RemoverPreview::kLongestTimeLimitSeconds) + ", not '" + value + "'";
+            return std::nullopt;
+        }
+        request.timeLimitSeconds = static_cast<int>(seconds);
+        first = 2;
+    }
+    request.removerArguments.assign(arguments.begin() + static_cast<std::ptrdiff_t>(first), arguments.end());
+    return request;
+}
+
+// The parts of the bundle the preview runs or puts in place.
+struct BundleParts {
+    std::string remover;
+    std::string firstProcess;
+    std::string recordingTool;
+    std::string recordingLibrary;
+    std::string library;
+};
+
+BundleParts partsOf(const platform::Bundle& bundle)
+{
+    const std::string& bundlePath = bundle.bundlePath();
+    const std::string standIns = platform::appendingPathComponent(bundlePath, RemoverPreview::kStandInFolder);
+    return {removerPathIn(bundle),
+            platform::appendingPathComponents(bundlePath, {"Contents", "MacOS", "RemoverPreview"}),
+            platform::appendingPathComponent(standIns, RemoverPreview::kRecordingTool),
+            platform::appendingPathComponent(standIns, RemoverPreview::kRecordingLibrary),
+            platform::appendingPathComponents(bundlePath,
+                                              {"Contents", "Frameworks", TFRemoverTool::kInstallManagerLibrary})};
+}
+
+// A stand-in goes only where the real thing is: where it is missing (or is a
+// folder, which nothing can run or load), the remover finds that, as it
+// would. Anywhere else the stand-in must be in place, or nothing runs.
+// An empty string when all are in place, the reason otherwise.
+std::string placeStandIns(platform::OverlayRoot& root, const BundleParts& parts)
+{
+    const platform::FileManager& files = platform::FileManager::defaultManager();
+    const std::vector<std::pair<std::string, std::string>> standInFor = {
+        {parts.recordingTool, TFRemoverTool::kPackageToolPath},
+        {parts.recordingTool, kLaunchctl_ToolPath},
+        {parts.recordingLibrary, parts.library},
+    };
+    for (const auto& [standIn, real] : standInFor) {
+        bool isFolder = false;
+        if (!files.fileExistsAtPath(real, &isFolder) || isFolder) {
+            continue;
+        }
+        std::error_code error;
+        if (!root.placeStandIn(standIn, real, &error)) {
+            return "cannot put a stand-in in place of " + real + ": " + error.message();
+        }
+    }
+    return {};
+}
+
+// How the run of the first process went.
+struct RunOutcome {
+    std::string output;
+    bool stopped = false;
+    // Why it could not be started; empty when it was.
+    std::string launchFailure;
+};
+
+RunOutcome runFirstProcess(const BundleParts& parts, const PreviewRequest& request,
+                           const platform::InheritedJournal& journal, const std::string& workingFolder)
+{
+    RunOutcome outcome;
+    try {
+        platform::TaskOptions options;
+        options.captureStandardOutput = true;
+        options.inheritedDescriptors = {journal.descriptor()};
+        options.environment = {{platform::InheritedJournal::kEnvironmentVariable, journal.environmentValue()},
+                               {kFirstProcessVariable, "1"}};
+        options.currentDirectoryPath = workingFolder;
+        platform::Task task =
+            platform::Task::launchedTaskWithLaunchPath(parts.firstProcess, request.removerArguments, options);
+        if (!task.waitUntilExit(std::chrono::seconds(request.timeLimitSeconds))) {
+            // The first process of the PID namespace: everything in it ends.
+            task.killAndWait();
+            outcome.stopped = true;
+        }
+        outcome.output = task.standardOutputData();
+    } catch (const platform::Exception& exception) {
+        outcome.launchFailure = exception.reason();
+    }
+    return outcome;
+}
+
+// Fills in how the remover ended and the stand-ins' calls from the journal;
+// the reason when it cannot be read or tells of a failure, empty otherwise.
+std::string readJournal(platform::InheritedJournal& journal, bool stopped, PreviewReport& report)
+{
+    std::error_code error;
+    bool ended = false;
+    for (platform::InheritedJournal::Record& record : journal.records(&error)) {
+        if (record.size() == 2 && record[0] == kFailedRecord) {
+            return record[1];
+        }
+        if (record.size() == 3 && record[0] == kEndedRecord) {
+            ended = true;
+            report.removerSignalled = record[1] == "signal";
+            report.removerStatus = platform::intValue(record[2]);
+        } else {
+            report.calls.push_back(std::move(record));
+        }
+    }
+    if (error) {
+        return "the stand-ins' journal cannot be read: " + error.message();
+    }
+    if (!ended && !stopped) {
+        return "the remover's run ended without a word of how";
+    }
+    return {};
+}
+
+// Fills in what the run changed, leaving out the stand-ins the preview wrote
+// itself while they are as it left them; the reason when a layer cannot be
+// read whole, empty otherwise.
+std::string readChanges(const platform::OverlayRoot& root, PreviewReport& report)
+{
+    const std::vector<std::string> standIns = root.standInsLeftAsPlaced();
+    for (const platform::OverlayRoot::Layer& layer : root.layers()) {
+        std::error_code error;
+        std::vector<platform::OverlayChange> changes =
+            platform::OverlayChanges::read(layer.changes.get(), layer.original.get(), layer.mountPoint, &error);
+        if (error) {
+            return "not every change below " + layer.mountPoint + " can be read: " + error.message();
+        }
+        for (platform::OverlayChange& change : changes) {
+            const bool ownStandIn = change.kind == platform::OverlayChange::Kind::Changed &&
+                                    std::find(standIns.begin(), standIns.end(), change.path) != standIns.end();
+            if (!ownStandIn) {
+                report.changes.push_back(std::move(change));
+            }
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+int RemoverPreview::run(const std::vector<std::string>& arguments, std::FILE* output, std::FILE* console)
 {
     platform::ProcessInfo::closeInheritedDescriptors();
+    std::string problem;
+    const std::optional<PreviewRequest> request = requestOf(arguments, problem);
+    if (!request) {
+        return cannotPreview(console, kUsage, problem);
+    }
     if (platform::effectiveUserID() != 0) {
         return cannotPreview(console, kNotRoot, "it must run as root, as the remover does");
     }
@@ -52,15 +224,7 @@ int RemoverPreview::run(const std::vector<std::string>& removerArguments, std::F
     if (!bundle) {
         return cannotPreview(console, kFailed, "it does not run from the remover's bundle");
     }
-    const std::string& bundlePath = bundle->bundlePath();
-    const std::string remover = removerPathIn(*bundle);
-    const std::string standIns = platform::appendingPathComponent(bundlePath, kStandInFolder);
-    const std::string recordingTool = platform::appendingPathComponent(standIns, kRecordingTool);
-    const std::string recordingLibrary = platform::appendingPathComponent(standIns, kRecordingLibrary);
-    const std::string library = platform::appendingPathComponents(
-        bundlePath, {"Contents", "Frameworks", TFRemoverTool::kInstallManagerLibrary});
-    const std::string firstProcess =
-        platform::appendingPathComponents(bundlePath, {"Contents", "MacOS", "RemoverPreview"});
+    const BundleParts parts = partsOf(*bundle);
     // The remover resolves a relative application path against it.
     const std::string workingFolder = platform::ProcessInfo::currentDirectoryPath().value_or("/");
 
@@ -71,30 +235,13 @@ int RemoverPreview::run(const std::vector<std::string>& removerArguments, std::F
         return cannotPreview(console, unsupported ? kCannotPreviewHere : kFailed, failure.message());
     }
     const platform::FileManager& files = platform::FileManager::defaultManager();
-    for (const std::string& part : {remover, firstProcess, recordingTool, recordingLibrary}) {
+    for (const std::string& part : {parts.remover, parts.firstProcess, parts.recordingTool, parts.recordingLibrary}) {
         if (!files.fileExistsAtPath(part)) {
             return cannotPreview(console, kFailed, "the bundle has no " + part);
         }
     }
-
-    // A stand-in goes only where the real thing is: where it is missing (or
-    // is a folder, which nothing can run or load), the remover finds that,
-    // as it would. Anywhere else the stand-in must be in place, or nothing
-    // runs.
-    const std::vector<std::pair<std::string, std::string>> standInFor = {
-        {recordingTool, TFRemoverTool::kPackageToolPath},
-        {recordingTool, kLaunchctl_ToolPath},
-        {recordingLibrary, library},
-    };
-    for (const auto& [standIn, real] : standInFor) {
-        bool isFolder = false;
-        if (!files.fileExistsAtPath(real, &isFolder) || isFolder) {
-            continue;
-        }
-        std::error_code error;
-        if (!root->bindFileReadOnly(standIn, real, &error)) {
-            return cannotPreview(console, kFailed, "cannot put a stand-in over " + real + ": " + error.message());
-        }
+    if (const std::string reason = placeStandIns(*root, parts); !reason.empty()) {
+        return cannotPreview(console, kFailed, reason);
     }
     bool isFolder = false;
     if (!files.fileExistsAtPath(workingFolder, &isFolder) || !isFolder) {
@@ -109,64 +256,32 @@ int RemoverPreview::run(const std::vector<std::string>& removerArguments, std::F
     if (!root->separateProcesses(&error)) {
         return cannotPreview(console, kCannotPreviewHere, "cannot make a PID namespace: " + error.message());
     }
-
-    PreviewReport report;
-    report.removerArguments = removerArguments;
-    std::string launchFailure;
-    try {
-        platform::TaskOptions options;
-        options.captureStandardOutput = true;
-        options.inheritedDescriptors = {journal->descriptor()};
-        options.environment = {{platform::InheritedJournal::kEnvironmentVariable, journal->environmentValue()},
-                               {kFirstProcessVariable, "1"}};
-        options.currentDirectoryPath = workingFolder;
-        platform::Task task = platform::Task::launchedTaskWithLaunchPath(firstProcess, removerArguments, options);
-        task.waitUntilExit();
-        report.removerOutput = task.standardOutputData();
-    } catch (const platform::Exception& exception) {
-        launchFailure = exception.reason();
-    }
+    const RunOutcome outcome = runFirstProcess(parts, *request, *journal, workingFolder);
     // Whatever happened, this process goes on making processes beside it.
     if (!root->rejoinProcesses(&error)) {
         return cannotPreview(console, kFailed, "cannot return to this process's PID namespace: " + error.message());
     }
-    if (!launchFailure.empty()) {
-        return cannotPreview(console, kFailed, launchFailure);
+    if (!outcome.launchFailure.empty()) {
+        return cannotPreview(console, kFailed, outcome.launchFailure);
     }
 
-    bool ended = false;
-    for (platform::InheritedJournal::Record& record : journal->records(&error)) {
-        if (record.size() == 2 && record[0] == kFailedRecord) {
-            return cannotPreview(console, kFailed, record[1]);
-        }
-        if (record.size() == 3 && record[0] == kEndedRecord) {
-            ended = true;
-            report.removerSignalled = record[1] == "signal";
-            report.removerStatus = platform::intValue(record[2]);
-        } else {
-            report.calls.push_back(std::move(record));
-        }
+    PreviewReport report;
+    report.removerArguments = request->removerArguments;
+    report.removerOutput = outcome.output;
+    if (outcome.stopped) {
+        report.stoppedAfterSeconds = request->timeLimitSeconds;
     }
-    if (error) {
-        return cannotPreview(console, kFailed, "the stand-ins' journal cannot be read: " + error.message());
+    if (const std::string reason = readJournal(*journal, outcome.stopped, report); !reason.empty()) {
+        return cannotPreview(console, kFailed, reason);
     }
-    if (!ended) {
-        return cannotPreview(console, kFailed, "the remover's run ended without a word of how");
-    }
-    for (const platform::OverlayRoot::Layer& layer : root->layers()) {
-        std::vector<platform::OverlayChange> changes =
-            platform::OverlayChanges::read(layer.changes.get(), layer.original.get(), layer.mountPoint, &error);
-        if (error) {
-            return cannotPreview(console, kFailed,
-                                 "not every change below " + layer.mountPoint + " can be read: " + error.message());
-        }
-        report.changes.insert(report.changes.end(), changes.begin(), changes.end());
+    if (const std::string reason = readChanges(*root, report); !reason.empty()) {
+        return cannotPreview(console, kFailed, reason);
     }
     report.readOnlyMounts = root->readOnlyMounts();
     if (std::fputs(report.text().c_str(), output) < 0 || std::fflush(output) != 0 || std::ferror(output) != 0) {
         return cannotPreview(console, kFailed, "cannot write the report");
     }
-    return kPreviewRan;
+    return outcome.stopped ? kStoppedAtTimeLimit : kPreviewRan;
 }
 
 bool RemoverPreview::isFirstProcessOfAPreview()

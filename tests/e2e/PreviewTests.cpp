@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -73,9 +74,8 @@ std::vector<std::string> removedItems(const std::vector<std::string>& before, co
     std::map<std::string, char> gone;  // path -> type mark
     for (const std::string& line : before) {
         if (stayed.count(line) == 0) {
-            const std::string path = line.substr(2, line.find(" -> ") == std::string::npos
-                                                        ? std::string::npos
-                                                        : line.find(" -> ") - 2);
+            const std::string path =
+                line.substr(2, line.find(" -> ") == std::string::npos ? std::string::npos : line.find(" -> ") - 2);
             gone[path] = line[0];
         }
     }
@@ -87,9 +87,8 @@ std::vector<std::string> removedItems(const std::vector<std::string>& before, co
         std::string item = path;
         if (type == 'd') {
             const std::string prefix = path + "/";
-            const auto inside = std::count_if(gone.begin(), gone.end(), [&prefix](const auto& other) {
-                return other.first.rfind(prefix, 0) == 0;
-            });
+            const auto inside = std::count_if(
+                gone.begin(), gone.end(), [&prefix](const auto& other) { return other.first.rfind(prefix, 0) == 0; });
             item += inside == 0   ? " (empty folder)"
                     : inside == 1 ? " (folder, 1 item inside)"
                                   : " (folder, " + std::to_string(inside) + " items inside)";
@@ -152,6 +151,65 @@ std::vector<std::string> callsOf(const std::vector<JournalEntry>& journal)
         }
     }
     return calls;
+}
+
+// The items of the section "RemoverTool would print:" and the line after
+// them that tells how the run would end ("" when it would end normally).
+struct PrintedAndEnd {
+    std::vector<std::string> printed;
+    std::string end;
+};
+
+PrintedAndEnd printedAndEndOf(const std::string& preview)
+{
+    PrintedAndEnd shown;
+    shown.printed = sectionsOf(preview).at(kWouldPrint);
+    for (const std::string& line : linesOf(preview)) {
+        if (line.rfind("RemoverTool would end ", 0) == 0 || line.rfind("RemoverTool would exit ", 0) == 0 ||
+            line.rfind("RemoverTool did not finish ", 0) == 0) {
+            shown.end = line;
+        }
+    }
+    return shown;
+}
+
+// The same for a real run, as a preview names it: its lines but for the
+// package tool double's own (the preview's stand-in prints none), each
+// escaped as the preview escapes, and its end told from its exit status.
+PrintedAndEnd printedAndEndOf(const RunResult& real)
+{
+    PrintedAndEnd done;
+    for (const std::string& line : linesOf(real.standardOutput)) {
+        if (line.rfind("Forgot package '", 0) == 0) {
+            continue;
+        }
+        std::string escapedLine;
+        for (const char c : line) {
+            const auto byte = static_cast<unsigned char>(c);
+            if (c == '\\') {
+                escapedLine += "\\\\";
+            } else if (c == '\r') {
+                escapedLine += "\\r";
+            } else if (c == '\t') {
+                escapedLine += "\\t";
+            } else if (byte < 0x20 || byte == 0x7F) {
+                const char* digits = "0123456789ABCDEF";
+                escapedLine += std::string("\\x") + digits[byte / 16] + digits[byte % 16];
+            } else {
+                escapedLine.push_back(c);
+            }
+        }
+        done.printed.push_back(escapedLine);
+    }
+    if (done.printed.empty()) {
+        done.printed.emplace_back("nothing");
+    }
+    if (real.exitStatus > 128) {
+        done.end = "RemoverTool would end abnormally (signal " + std::to_string(real.exitStatus - 128) + ").";
+    } else if (real.exitStatus != 0) {
+        done.end = "RemoverTool would exit with status " + std::to_string(real.exitStatus) + ".";
+    }
+    return done;
 }
 
 // The remover's lines of a complete installation, without the package tool's
@@ -247,20 +305,38 @@ TEST_P(Preview, ShowsWhatTheRemoverWouldPrintRemoveAndRunForACompleteInstallatio
                   // (10 items with its updater helper), the folder icon and
                   // the companion application (5 items).
                   "  /Applications/Corvane Lumidoc X Pro (folder, 16 items inside)\n"
-                  "  " + kJexRef + "\n"
+                  "  " +
+                  kJexRef +
+                  "\n"
                   "  /Library/Application Support/Corvane/Lumidoc/Shared (folder, 1 item inside)\n"
-                  "  " + kProductLog + "\n"
-                  "  " + kCompanionLog + "\n"
+                  "  " +
+                  kProductLog +
+                  "\n"
+                  "  " +
+                  kCompanionLog +
+                  "\n"
                   "  /Library/Application Support/Corvane/Ravelin (folder, 1 item inside)\n"
-                  "  " + kAutomatorAction + " (folder, 2 items inside)\n"
+                  "  " +
+                  kAutomatorAction +
+                  " (folder, 2 items inside)\n"
                   "  /Library/Fonts/LumidocSans.otf\n"
-                  "  " + kPlugin + " (folder, 2 items inside)\n"
-                  "  " + kPdfServicesApp + " (folder, 2 items inside)\n"
-                  "  " + kPluginPreferences + "\n"
-                  "  " + agentPlistPath(kDefaultApp) + "\n"
-                  "\n" + kWouldCreateOrChange + "\n  nothing\n"
-                  "\n" + kWouldRun + "\n" + calls +
-                  "\n" + kNotPreviewed + "\n" + kSandboxKernelInterfaces);
+                  "  " +
+                  kPlugin +
+                  " (folder, 2 items inside)\n"
+                  "  " +
+                  kPdfServicesApp +
+                  " (folder, 2 items inside)\n"
+                  "  " +
+                  kPluginPreferences +
+                  "\n"
+                  "  " +
+                  agentPlistPath(kDefaultApp) +
+                  "\n"
+                  "\n" +
+                  kWouldCreateOrChange +
+                  "\n  nothing\n"
+                  "\n" +
+                  kWouldRun + "\n" + calls + "\n" + kNotPreviewed + "\n" + kSandboxKernelInterfaces);
 }
 
 TEST_P(Preview, LeavesEveryFileReceiptAndLoadedAgentAsTheyWereAndRunsNoRealTool)
@@ -287,8 +363,7 @@ TEST_P(Preview, LeavesEveryFileReceiptAndLoadedAgentAsTheyWereAndRunsNoRealTool)
 
 TEST_P(Preview, NamesExactlyWhatARealRunOverAnIdenticalFixtureRemoves)
 {
-    expectPreviewMatchesARealRun([](Sandbox& sandbox) { layDownCompleteInstallation(sandbox); },
-                                 {"x", kDefaultApp});
+    expectPreviewMatchesARealRun([](Sandbox& sandbox) { layDownCompleteInstallation(sandbox); }, {"x", kDefaultApp});
 }
 
 TEST_P(Preview, AProtectedFolderNamedAfterItsContentsWentIsStillRefused)
@@ -352,8 +427,8 @@ TEST_P(Preview, AReadOnlyFolderStaysReadOnlyAndIsNotCalledUnpreviewed)
     const RunResult result = preview(sandbox, {"x", kDefaultApp});
     const auto sections = sectionsOf(result.standardOutput);
     EXPECT_EQ(sections.at(kWouldPrint).front(), "Could not remove /Library/Locked/lumidoc.dat.");
-    EXPECT_EQ(sections.at(kNotPreviewed), (std::vector<std::string>{"/proc (proc, a kernel interface)",
-                                                                    "/dev/pts (devpts, a kernel interface)"}));
+    EXPECT_EQ(sections.at(kNotPreviewed),
+              (std::vector<std::string>{"/proc (proc, a kernel interface)", "/dev/pts (devpts, a kernel interface)"}));
 }
 
 TEST_P(Preview, TheLogFileAFailedRunWouldWriteIsShownAsCreatedAndNotWritten)
@@ -407,8 +482,7 @@ TEST_P(Preview, ARunThatWouldEndAbnormallyIsShownEndingSo)
               std::string::npos)
         << result.standardOutput;
     EXPECT_EQ(result.standardOutput.find("/usr/sbin/pkgutil"), std::string::npos) << result.standardOutput;
-    EXPECT_NE(result.standardError.find("terminating on uncaught exception"), std::string::npos)
-        << describe(result);
+    EXPECT_NE(result.standardError.find("terminating on uncaught exception"), std::string::npos) << describe(result);
 }
 
 TEST_P(Preview, WithoutTheLibraryNoStandInAppearsAndTheLibraryIsReportedMissing)
@@ -564,6 +638,202 @@ TEST_P(Preview, WithoutAnOverlayFileSystemItSaysSoAndRunsNothing)
               "RemoverPreview: cannot preview: this kernel has no overlay file system: No such device\n");
     EXPECT_EQ(sandbox.tree(), tree);
     EXPECT_TRUE(sandbox.journal().empty());
+}
+
+TEST_P(Preview, ALogNamingThePackageToolEndsAbnormallyAsARealRunDoes)
+{
+    // /usr/sbin is writable: the real run removes the package tool and then
+    // cannot start it; the preview must remove its stand-in alike.
+    const auto layDown = [](Sandbox& sandbox) {
+        layDownCompleteInstallation(sandbox);
+        sandbox.writeFile(kProductLog, "/Library/Fonts/LumidocSans.otf\n/usr/sbin/pkgutil\n");
+    };
+    Sandbox previewed(GetParam());
+    layDown(previewed);
+    const std::vector<std::string> before = previewed.tree();
+    const RunResult shown = preview(previewed, {"x", kDefaultApp});
+    ASSERT_EQ(shown.exitStatus, 0) << describe(shown);
+    EXPECT_EQ(previewed.tree(), before);
+    EXPECT_TRUE(previewed.journal().empty());
+
+    Sandbox real(GetParam());
+    layDown(real);
+    const RunResult done = real.run({"x", kDefaultApp});
+    ASSERT_EQ(done.exitStatus, 128 + 6) << describe(done);
+
+    const PrintedAndEnd previewedRun = printedAndEndOf(shown.standardOutput);
+    const PrintedAndEnd realRun = printedAndEndOf(done);
+    EXPECT_EQ(previewedRun.printed, realRun.printed) << shown.standardOutput;
+    EXPECT_EQ(previewedRun.end, "RemoverTool would end abnormally (signal 6).") << shown.standardOutput;
+    EXPECT_EQ(previewedRun.end, realRun.end);
+    EXPECT_NE(std::find(previewedRun.printed.begin(), previewedRun.printed.end(), "Removed /usr/sbin/pkgutil."),
+              previewedRun.printed.end())
+        << shown.standardOutput;
+    const auto sections = sectionsOf(shown.standardOutput);
+    const auto& removed = sections.at(kWouldRemove);
+    EXPECT_NE(std::find(removed.begin(), removed.end(), "/usr/sbin/pkgutil"), removed.end()) << shown.standardOutput;
+    // The stand-in was never run as the package tool: it was gone first.
+    for (const std::string& call : sections.at(kWouldRun)) {
+        EXPECT_EQ(call.rfind("/usr/sbin/pkgutil", 0), std::string::npos) << call;
+    }
+    // The stand-in the preview wrote is not shown as a change of its own.
+    EXPECT_EQ(sections.at(kWouldCreateOrChange), std::vector<std::string>{"nothing"}) << shown.standardOutput;
+    // Nothing of the real run's receipts went: it ended before.
+    EXPECT_EQ(real.receipts(), previewed.receipts());
+}
+
+TEST_P(Preview, ThePackageToolTheLogDoesNotNameIsNotShownAsChanged)
+{
+    Sandbox sandbox(GetParam());
+    layDownCompleteInstallation(sandbox);
+
+    const RunResult result = preview(sandbox, {"x", kDefaultApp});
+
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    // The stand-ins the preview wrote over the tools (in the single-disk
+    // layout over /bin/launchctl too) are its own changes, not the run's.
+    EXPECT_EQ(sectionsOf(result.standardOutput).at(kWouldCreateOrChange), std::vector<std::string>{"nothing"})
+        << result.standardOutput;
+}
+
+TEST_P(Preview, ALogNamingTheLibraryOfAWritableBundleShowsItsFailureAsARealRunDoes)
+{
+    // A bundle inside /Applications, which is writable: the real run removes
+    // the library and then reports it missing.
+    const std::string bundle = "/Applications/Tools/RemoverTool.app";
+    const std::string library = bundle + "/Contents/Frameworks/CorvaneHOV.dylib";
+    const auto layDown = [&](Sandbox& sandbox) {
+        layDownCompleteInstallation(sandbox);
+        std::filesystem::create_directories(std::filesystem::path(sandbox.hostPath(bundle)).parent_path());
+        std::filesystem::copy(sandbox.hostPath(Sandbox::kBundlePath), sandbox.hostPath(bundle),
+                              std::filesystem::copy_options::recursive | std::filesystem::copy_options::copy_symlinks);
+        sandbox.writeFile(kProductLog, "/Library/Fonts/LumidocSans.otf\n" + library + "\n");
+    };
+    const std::vector<std::string> arguments = {"x", kDefaultApp};
+    Sandbox previewed(GetParam());
+    layDown(previewed);
+    const std::vector<std::string> before = previewed.tree();
+    const RunResult shown = previewed.runWith(bundle + "/Contents/MacOS/RemoverPreview", arguments, {});
+    ASSERT_EQ(shown.exitStatus, 0) << describe(shown);
+    EXPECT_EQ(previewed.tree(), before);
+    EXPECT_TRUE(previewed.journal().empty());
+
+    Sandbox real(GetParam());
+    layDown(real);
+    const RunResult done = real.runWith(bundle + "/Contents/MacOS/RemoverTool", arguments, {});
+    ASSERT_FALSE(real.exists(library)) << describe(done);
+
+    const PrintedAndEnd previewedRun = printedAndEndOf(shown.standardOutput);
+    const PrintedAndEnd realRun = printedAndEndOf(done);
+    EXPECT_EQ(previewedRun.printed, realRun.printed) << shown.standardOutput;
+    EXPECT_EQ(previewedRun.end, realRun.end) << shown.standardOutput;
+    EXPECT_NE(std::find(previewedRun.printed.begin(), previewedRun.printed.end(),
+                        std::string(kManagerFailed) + " MISSING_CORVANEHOV:" + library + "."),
+              previewedRun.printed.end())
+        << shown.standardOutput;
+    const auto sections = sectionsOf(shown.standardOutput);
+    EXPECT_EQ(sections.at(kWouldRemove), removedItems(before, real.tree())) << shown.standardOutput;
+    for (const std::string& call : sections.at(kWouldRun)) {
+        EXPECT_EQ(call.find("install-manager library"), std::string::npos) << call;
+    }
+}
+
+TEST_P(Preview, ALogNamingTheLibraryOfAReadOnlyBundleCannotRemoveItAsARealRunCannot)
+{
+    // The bundle at /opt is bound read-only: neither run removes the library,
+    // and both call it.
+    const auto layDown = [](Sandbox& sandbox) {
+        layDownCompleteInstallation(sandbox);
+        sandbox.writeFile(kProductLog, std::string(kLibraryInBundle) + "\n");
+    };
+    Sandbox previewed(GetParam());
+    layDown(previewed);
+    const RunResult shown = preview(previewed, {"x", kDefaultApp});
+    ASSERT_EQ(shown.exitStatus, 0) << describe(shown);
+
+    Sandbox real(GetParam());
+    layDown(real);
+    const RunResult done = real.run({"x", kDefaultApp});
+
+    const PrintedAndEnd previewedRun = printedAndEndOf(shown.standardOutput);
+    EXPECT_EQ(previewedRun.printed, printedAndEndOf(done).printed) << shown.standardOutput;
+    EXPECT_EQ(previewedRun.end, "");
+    EXPECT_EQ(previewedRun.printed.front(), std::string(kCouldNotRemove) + " " + kLibraryInBundle + ".");
+    const auto calls = sectionsOf(shown.standardOutput).at(kWouldRun);
+    EXPECT_NE(std::find(calls.begin(), calls.end(),
+                        std::string("call hov_uninstallCorvaneApplicationManager in the install-manager library ") +
+                            kLibraryInBundle),
+              calls.end())
+        << shown.standardOutput;
+}
+
+TEST_P(Preview, AnEscapeSequenceInAListedPathReachesNoTerminal)
+{
+    Sandbox sandbox(GetParam());
+    installApp(sandbox, kDefaultApp);
+    // Made to show, on a terminal, as a line saying the password file went.
+    sandbox.writeFile(kProductLog, "/Library/x\x1B]0;T\a\r\x1B[2KRemoved /etc/passwd\n");
+
+    const RunResult result = preview(sandbox, {"x", kDefaultApp});
+
+    ASSERT_EQ(result.exitStatus, 0) << describe(result);
+    EXPECT_EQ(sectionsOf(result.standardOutput).at(kWouldPrint).front(),
+              "Not found /Library/x\\x1B]0;T\\x07\\r\\x1B[2KRemoved /etc/passwd.")
+        << result.standardOutput;
+    for (const char c : result.standardOutput) {
+        EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << static_cast<int>(c);
+    }
+}
+
+TEST_P(Preview, ARemoverRunningPastTheTimeLimitIsStoppedWithWhatItDidUntilThen)
+{
+    // In place of the remover, a script that removes a file, says so and
+    // then hangs, with a child of its own.
+    Sandbox sandbox(GetParam());
+    sandbox.writeFile("/Library/Going/gone.dat", "data");
+    sandbox.useBundleCopy();
+    sandbox.writeFile(std::string(Sandbox::kRemoverPath),
+                      "#!/bin/sh\n"
+                      "rm /Library/Going/gone.dat && echo 'Removed /Library/Going/gone.dat.'\n"
+                      "sleep 300 &\n"
+                      "wait\n",
+                      0755);
+
+    const auto started = std::chrono::steady_clock::now();
+    const RunResult result = preview(sandbox, {"-PreviewTimeLimit", "2", "x", kDefaultApp});
+    const auto took = std::chrono::steady_clock::now() - started;
+
+    EXPECT_EQ(result.exitStatus, 75) << describe(result);
+    EXPECT_LT(took, std::chrono::seconds(60));
+    const std::string title =
+        "Preview of RemoverTool x '/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app' (nothing was changed)\n"
+        "\n"
+        "RemoverTool would print:\n"
+        "  Removed /Library/Going/gone.dat.\n"
+        "RemoverTool did not finish within 2 seconds: the preview stopped it, and shows what it did until then.\n"
+        "\n"
+        "Would remove:\n"
+        "  /Library/Going/gone.dat\n";
+    EXPECT_EQ(result.standardOutput.substr(0, title.size()), title) << result.standardOutput;
+    EXPECT_EQ(sandbox.readFile("/Library/Going/gone.dat"), "data");
+}
+
+TEST_P(Preview, ATimeLimitThatIsNoWholeNumberOfSecondsIsRefused)
+{
+    Sandbox sandbox(GetParam());
+    installApp(sandbox, kDefaultApp);
+    const std::vector<std::string> tree = sandbox.tree();
+
+    for (const std::string& limit : std::vector<std::string>{"0", "-5", "1.5", "ten", "86401", ""}) {
+        const RunResult result = preview(sandbox, {"-PreviewTimeLimit", limit, "x", kDefaultApp});
+        EXPECT_EQ(result.exitStatus, 64) << describe(result);
+        EXPECT_EQ(result.standardOutput, "");
+        EXPECT_EQ(result.standardError,
+                  "RemoverPreview: cannot preview: -PreviewTimeLimit needs a whole number of seconds from 1 to "
+                  "86400, not '" +
+                      limit + "'\n");
+    }
+    EXPECT_EQ(sandbox.tree(), tree);
 }
 
 INSTANTIATE_TEST_SUITE_P(BothLayouts, Preview, ::testing::Values(Layout::SeparateMounts, Layout::SingleDisk),

@@ -797,6 +797,108 @@ TEST_F(OverlayRootTest, BindFileReadOnlyRefusesAMissingTargetAndAFolder)
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(OverlayRootTest, PlaceStandInWritesAWritableTargetInItsLayerKeepingItsModeAndTimes)
+{
+    const std::string dir = theDir.path();
+    writeFile(theDir.at("tool"), "#!/bin/sh\necho real\n");
+    writeFile(theDir.at("stand-in"), "#!/bin/sh\necho stand-in\n");
+    ASSERT_EQ(::chmod(theDir.at("tool").c_str(), 0751), 0);
+    ASSERT_EQ(::chmod(theDir.at("stand-in").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink("tool", theDir.at("link-to-tool").c_str()), 0);
+    const int status = runInsideOverlayRoot("/tmp", [&dir](OverlayRoot& root) {
+        struct stat real {};
+        ASSERT_EQ(::stat((dir + "/tool").c_str(), &real), 0);
+        std::error_code error = std::make_error_code(std::errc::io_error);
+        // Through a link: the file it leads to is the one written.
+        ASSERT_TRUE(root.placeStandIn(dir + "/stand-in", dir + "/link-to-tool", &error)) << error.message();
+        EXPECT_FALSE(error) << error.message();
+        platform::TaskOptions options;
+        options.captureStandardOutput = true;
+        platform::Task task = platform::Task::launchedTaskWithLaunchPath(dir + "/tool", {}, options);
+        task.waitUntilExit();
+        EXPECT_EQ(task.terminationStatus(), 0);
+        EXPECT_EQ(task.standardOutputData(), "stand-in\n");
+        struct stat now {};
+        ASSERT_EQ(::stat((dir + "/tool").c_str(), &now), 0);
+        EXPECT_EQ(now.st_mode, real.st_mode);
+        EXPECT_EQ(now.st_ino, real.st_ino);
+        EXPECT_EQ(now.st_mtim.tv_sec, real.st_mtim.tv_sec);
+        EXPECT_EQ(now.st_mtim.tv_nsec, real.st_mtim.tv_nsec);
+        // No mount: it goes as the real file would.
+        EXPECT_EQ(platform::MountPoint::isMountRoot(dir + "/tool"), std::optional<bool>(false));
+        EXPECT_EQ(root.standInsLeftAsPlaced(), std::vector<std::string>{dir + "/tool"});
+        ASSERT_EQ(::unlink((dir + "/tool").c_str()), 0) << std::strerror(errno);
+        EXPECT_FALSE(present(dir + "/tool"));
+        EXPECT_EQ(root.standInsLeftAsPlaced(), std::vector<std::string>{});
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(theDir.at("tool")), "#!/bin/sh\necho real\n");
+    EXPECT_EQ(readFile(theDir.at("stand-in")), "#!/bin/sh\necho stand-in\n");
+}
+
+TEST_F(OverlayRootTest, APlacedStandInChangedAfterwardsIsNoLongerLeftAsPlaced)
+{
+    const std::string dir = theDir.path();
+    writeFile(theDir.at("tool"), "real");
+    writeFile(theDir.at("stand-in"), "stand-in");
+    const int status = runInsideOverlayRoot("/tmp", [&dir](OverlayRoot& root) {
+        std::error_code error;
+        ASSERT_TRUE(root.placeStandIn(dir + "/stand-in", dir + "/tool", &error)) << error.message();
+        ASSERT_EQ(::chmod((dir + "/tool").c_str(), 0600), 0);
+        EXPECT_EQ(root.standInsLeftAsPlaced(), std::vector<std::string>{});
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(OverlayRootTest, PlaceStandInBindsOverATargetWhoseViewIsReadOnly)
+{
+    const std::string dir = theDir.path();
+    writeFile(theDir.at("source/tool"), "real");
+    writeFile(theDir.at("stand-in"), "stand-in");
+    makeDirectories(theDir.at("readonly"));
+    const int status = runInsideOverlayRoot(
+        "/tmp",
+        [&dir](OverlayRoot& root) {
+            std::error_code error;
+            ASSERT_TRUE(root.placeStandIn(dir + "/stand-in", dir + "/readonly/tool", &error)) << error.message();
+            EXPECT_EQ(readFile(dir + "/readonly/tool"), "stand-in");
+            // A mount, which, like the real file there, cannot be removed.
+            EXPECT_EQ(platform::MountPoint::isMountRoot(dir + "/readonly/tool"), std::optional<bool>(true));
+            EXPECT_NE(::unlink((dir + "/readonly/tool").c_str()), 0);
+            EXPECT_EQ(root.standInsLeftAsPlaced(), std::vector<std::string>{});
+        },
+        [&dir] {
+            return inPrivateMountNamespace() && bindMount(dir + "/source", dir + "/readonly") &&
+                   ::mount(nullptr, (dir + "/readonly").c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) ==
+                       0;
+        });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(readFile(theDir.at("source/tool")), "real");
+}
+
+TEST_F(OverlayRootTest, PlaceStandInRefusesAMissingTargetAndAFolderAndWritesNothing)
+{
+    const std::string dir = theDir.path();
+    writeFile(theDir.at("stand-in"), "stand-in");
+    writeFile(theDir.at("target"), "target");
+    makeDirectories(theDir.at("Folder"));
+    const int status = runInsideOverlayRoot("/tmp", [&dir](OverlayRoot& root) {
+        std::error_code error;
+        EXPECT_FALSE(root.placeStandIn(dir + "/stand-in", dir + "/missing", &error));
+        EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+        EXPECT_FALSE(present(dir + "/missing"));
+        error.clear();
+        EXPECT_FALSE(root.placeStandIn(dir + "/stand-in", dir + "/Folder", &error));
+        EXPECT_TRUE(error);
+        error.clear();
+        EXPECT_FALSE(root.placeStandIn(dir + "/no-stand-in", dir + "/target", &error));
+        EXPECT_EQ(error, std::errc::no_such_file_or_directory);
+        EXPECT_EQ(readFile(dir + "/target"), "target");
+        EXPECT_EQ(root.standInsLeftAsPlaced(), std::vector<std::string>{});
+    });
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(OverlayRootTest, SeparateProcessesMakesTheNextChildTheFirstOfAProcessTableOfItsOwn)
 {
     const int status = runInsideOverlayRoot("/tmp", [](OverlayRoot& root) {

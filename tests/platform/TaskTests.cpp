@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -426,6 +427,50 @@ TEST(TaskTermination, AChildKilledFromOutsideIsAnUncaughtSignal)
     task.waitUntilExit();
     EXPECT_EQ(task.terminationReason(), Task::TerminationReason::UncaughtSignal);
     EXPECT_EQ(task.terminationStatus(), 128 + 15);
+}
+
+TEST(TaskTimeLimit, AChildEndingInTimeIsWaitedForWithItsStatus)
+{
+    Task task = Task::launchedTaskWithLaunchPath("/bin/sh", {"-c", "exit 4"});
+    EXPECT_TRUE(task.waitUntilExit(std::chrono::seconds(30)));
+    EXPECT_EQ(task.terminationStatus(), 4);
+    EXPECT_EQ(task.terminationReason(), Task::TerminationReason::Exit);
+}
+
+TEST(TaskTimeLimit, AChildStillRunningAtTheLimitIsNotWaitedForAndGoesOn)
+{
+    const auto started = std::chrono::steady_clock::now();
+    Task task = Task::launchedTaskWithLaunchPath("/bin/sleep", {"30"});
+    EXPECT_FALSE(task.waitUntilExit(std::chrono::milliseconds(200)));
+    const auto waited = std::chrono::steady_clock::now() - started;
+    EXPECT_GE(waited, std::chrono::milliseconds(200));
+    EXPECT_LT(waited, std::chrono::seconds(10));
+    // Still there to be signalled.
+    EXPECT_EQ(::kill(task.processIdentifier(), 0), 0);
+    task.killAndWait();
+    EXPECT_EQ(task.terminationReason(), Task::TerminationReason::UncaughtSignal);
+    EXPECT_EQ(task.terminationStatus(), 128 + SIGKILL);
+}
+
+TEST(TaskTimeLimit, KillAndWaitEndsAChildThatIgnoresTermination)
+{
+    TaskOptions options;
+    options.captureStandardOutput = true;
+    Task task = Task::launchedTaskWithLaunchPath(
+        "/bin/sh", {"-c", "trap '' TERM INT HUP; echo ready; while :; do sleep 1; done"}, options);
+    EXPECT_FALSE(task.waitUntilExit(std::chrono::seconds(1)));
+    task.killAndWait();
+    EXPECT_EQ(task.terminationStatus(), 128 + SIGKILL);
+    // What it printed before it was ended is there.
+    EXPECT_EQ(task.standardOutputData(), "ready\n");
+}
+
+TEST(TaskTimeLimit, KillAndWaitOfAnEndedTaskKeepsItsStatus)
+{
+    Task task = Task::launchedTaskWithLaunchPath("/bin/sh", {"-c", "exit 2"});
+    task.waitUntilExit();
+    task.killAndWait();
+    EXPECT_EQ(task.terminationStatus(), 2);
 }
 
 }  // namespace

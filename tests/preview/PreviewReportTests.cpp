@@ -12,7 +12,6 @@
 
 namespace {
 
-using platform::OverlayChange;
 using Kind = platform::OverlayChange::Kind;
 using Type = platform::OverlayChange::Type;
 
@@ -36,8 +35,8 @@ TEST(PreviewReportText, ListsEverySectionOfASmallReportInItsFixedForm)
 {
     PreviewReport report;
     report.removerArguments = {"x", "/Applications/Corvane Lumidoc X Pro/Corvane Lumidoc Pro.app"};
-    // The remover's lines keep their tab, backslash and carriage return; the
-    // last one has no line feed.
+    // The remover's lines show their tab, backslash and carriage return
+    // escaped; the last one has no line feed.
     report.removerOutput = "Removed /Library/Fonts/A.otf.\n"
                            "Removed /Library/Icon\r.\n"
                            "Could not remove /Library/Back\\slash\tTab.\n"
@@ -74,8 +73,8 @@ TEST(PreviewReportText, ListsEverySectionOfASmallReportInItsFixedForm)
               "\n"
               "RemoverTool would print:\n"
               "  Removed /Library/Fonts/A.otf.\n"
-              "  Removed /Library/Icon\r.\n"
-              "  Could not remove /Library/Back\\slash\tTab.\n"
+              "  Removed /Library/Icon\\r.\n"
+              "  Could not remove /Library/Back\\\\slash\\tTab.\n"
               "  Not found /Library/PDF Services/Save as Corvane PDF.app.\n"
               "\n"
               "Would remove:\n"
@@ -169,6 +168,48 @@ TEST(PreviewReportText, AControlCharacterInAPathOrCommandNeverStartsANewLine)
     EXPECT_NE(text.find("\n  created /tmp/two\\nlines\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\n  /usr/sbin/pkgutil --forget $'a\\nb'\n"), std::string::npos) << text;
     EXPECT_NE(text.find("\n  /mnt/odd\\nname (ext4, a kernel interface)\n"), std::string::npos) << text;
+}
+
+TEST(PreviewReportText, AnEscapeSequenceTheRemoverPrintsReachesNoTerminal)
+{
+    // A listed path made to look, on a terminal, like a line of its own.
+    PreviewReport report;
+    report.removerOutput = "Could not remove /Library/x\x1B]0;T\a\r\x1B[2KRemoved /etc/passwd.\n";
+
+    const std::string text = report.text();
+    EXPECT_NE(text.find("\n  Could not remove /Library/x\\x1B]0;T\\x07\\r\\x1B[2KRemoved /etc/passwd.\n"),
+              std::string::npos)
+        << text;
+    for (const char c : text) {
+        EXPECT_TRUE(c == '\n' || static_cast<unsigned char>(c) >= 0x20) << static_cast<int>(c);
+    }
+}
+
+TEST(PreviewReportText, ARemoverStoppedAtTheTimeLimitIsSaidSoAfterWhatItPrinted)
+{
+    PreviewReport report;
+    report.removerArguments = {"x"};
+    report.removerOutput = "Removed /Library/Fonts/A.otf.\n";
+    report.stoppedAfterSeconds = 600;
+    // Killed by the preview: no word of a signal of the remover's own.
+    report.removerSignalled = true;
+    report.removerStatus = 128 + 9;
+
+    EXPECT_EQ(report.text(), "Preview of RemoverTool x (nothing was changed)\n"
+                             "\n"
+                             "RemoverTool would print:\n"
+                             "  Removed /Library/Fonts/A.otf.\n"
+                             "RemoverTool did not finish within 600 seconds: the preview stopped it, and shows what "
+                             "it did until then.\n" +
+                                 kEmptySectionsAfterTheOutput);
+}
+
+TEST(PreviewReportText, ATimeLimitOfOneSecondIsSaidInTheSingular)
+{
+    PreviewReport report;
+    report.stoppedAfterSeconds = 1;
+
+    EXPECT_NE(report.text().find("\nRemoverTool did not finish within 1 second: "), std::string::npos) << report.text();
 }
 
 TEST(PreviewReportText, ARecordTooShortForItsKindIsShownAsUnreadable)
