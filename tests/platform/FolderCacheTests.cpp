@@ -108,7 +108,13 @@ TEST(FolderCache, AFolderLongerThanPathMaxIsOpenedPieceByPiece)
         ASSERT_GE(next, 0);
         fd = next;
         // A repeated slash and a ".." step on the way resolve as the kernel does.
-        path += level == 12 ? "//" + name + "/../" + name : "/" + name;
+        if (level == 12) {
+            path += "//";
+            path += name;
+            path += "/..";
+        }
+        path += "/";
+        path += name;
     }
     ASSERT_GT(path.size(), 5000U);
     const int leaf = ::openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
@@ -185,7 +191,10 @@ void existenceAndDestroyOfEveryFile(const std::string& folder)
     ::syscall(SYS_getppid);
     for (int i = 0; i < kCountedFiles; ++i) {
         const std::string name = "f" + std::to_string(i);
-        if (files.fileExistsAtPath(folder + "/" + name)) {
+        std::string path = folder;
+        path += "/";
+        path += name;
+        if (files.fileExistsAtPath(path)) {
             workspace.performFileOperation(platform::WorkspaceOperation::Destroy, folder, std::nullopt, {name},
                                            nullptr);
         }
