@@ -597,7 +597,7 @@ TEST(PropertyListTest, StringReferredToFromEveryItemOfALargeArrayIsHeldOnce)
     for (uint32_t i = 0; i < kItems; ++i) {
         array += bigEndian32(1);
     }
-    const std::string bytes = binaryPlistOf({array, asciiString(256 * 1024)});
+    const std::string bytes = binaryPlistOf({array, asciiString(std::size_t{256} * 1024)});
     ASSERT_LT(bytes.size(), 2U << 20);
     const std::optional<PropertyList> read = PropertyList::fromBytes(bytes);
     ASSERT_TRUE(read.has_value());
@@ -619,7 +619,7 @@ TEST(PropertyListTest, KeyCopiedIntoManyDictionariesPastTheFilesProportionIsDama
         array += bigEndian32(2 + i);
     }
     objects.push_back(array);
-    objects.push_back(asciiString(64 * 1024));
+    objects.push_back(asciiString(std::size_t{64} * 1024));
     for (uint32_t i = 0; i < kDictionaries; ++i) {
         objects.push_back("\xD1" + bigEndian32(1) + bigEndian32(1));
     }

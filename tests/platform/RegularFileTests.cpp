@@ -105,7 +105,7 @@ class NotARegularFileTest : public RegularFileTest, public testing::WithParamInt
 protected:
     std::string make()
     {
-        const std::string path = dir.at("item");
+        std::string path = dir.at("item");
         const std::string kind = GetParam();
         if (kind == "fifo") {
             EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
