@@ -164,6 +164,11 @@ constexpr std::array kSystemFolders = {
     "/var/tmp",
 };
 
+// The folders a bundle is made of, below the bundle itself.
+constexpr std::array kBundleFolders = {
+    "Contents", "Contents/MacOS", "Contents/Resources", "Contents/Resources/English.lproj", "Contents/Frameworks",
+};
+
 // Protected with everything below them.
 constexpr std::array kSystemTrees = {"/System"};
 
@@ -241,7 +246,14 @@ ProtectedFolders::Lists ProtectedFolders::standardLists(const std::string& root,
         }
     }
     if (bundle) {
-        lists.bundles.push_back(*bundle);
+        // The bundle and the folders it is made of: a list naming its
+        // Contents would otherwise take the running program's library,
+        // strings and own file list away in the middle of the run.
+        const std::string top(trimmingTrailingSlashes(*bundle));
+        lists.bundles.push_back(top);
+        for (const char* folder : kBundleFolders) {
+            lists.bundles.push_back(joiningPath(top, folder));
+        }
     }
     return lists;
 }

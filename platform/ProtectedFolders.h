@@ -2,7 +2,9 @@
 // "/" and the system's top-level folders with their standard sub-folders (both
 // the macOS-style and the Linux layout), everything below /System, every
 // account's home folder and the standard folders in it, and the running
-// program's own bundle. Only these folders themselves are protected, not
+// program's own bundle with the folders it is made of (Contents, MacOS,
+// Resources, English.lproj, Frameworks). Only these folders themselves are
+// protected, not
 // what else is inside them; a walk that removes a folder keeps each of them
 // it meets inside (TreeRemover.h).
 //
@@ -33,7 +35,7 @@ public:
         std::vector<std::string> systemTrees;          // the folder and everything below it
         std::vector<std::string> homeFolders;          // "a home folder"
         std::vector<std::string> homeStandardFolders;  // "a standard folder of the home folder"
-        std::vector<std::string> bundles;              // "the running program's bundle"
+        std::vector<std::string> bundles;              // "the running program's bundle" and its folders
     };
 
     // The set of this process: built on first use from this system's lists,

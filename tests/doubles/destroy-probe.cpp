@@ -16,8 +16,9 @@
 //   "ITEM: REASON" for every item the failure handler was told of, in the
 //   order it was told (workspace and tree-remover only: the file manager
 //   takes no handler).
-// With --repeat N every PATH is destroyed N times and each distinct line is
-// printed once, in the order first seen, as "COUNT LINE".
+// With --repeat N every PATH is destroyed N times, each time through a folder
+// resolved afresh, and each distinct line is printed once, in the order first
+// seen, as "COUNT LINE".
 //
 // Exit status: 0 when every request was made and reported, 1 when the
 // output could not be written, 2 for a usage error.
@@ -34,6 +35,7 @@
 #include <vector>
 
 #include "platform/FileManager.h"
+#include "platform/FolderCache.h"
 #include "platform/TreeRemover.h"
 #include "platform/Workspace.h"
 
@@ -151,6 +153,10 @@ int main(int argc, char** argv)
     LineCounts counts;
     for (std::size_t i = first; i < arguments.size(); ++i) {
         for (unsigned long round = 0; round < repeat.value_or(1); ++round) {
+            // Each round resolves the folder afresh, as the first entry of a
+            // list does: a kept folder would meet only one side of a swap
+            // and leave the moment between judging and acting untried.
+            platform::FolderCache::invalidateAll();
             for (const std::string& line : destroy(*entry, arguments[i])) {
                 if (repeat) {
                     counts.add(line);

@@ -168,11 +168,19 @@ TEST_F(ProtectedFoldersUnderARoot, StandardFoldersOfTheRunningUsersHomeAreProtec
     }
 }
 
-TEST_F(ProtectedFoldersUnderARoot, TheRunningProgramsBundleIsProtected)
+TEST_F(ProtectedFoldersUnderARoot, TheRunningProgramsBundleAndTheFoldersItIsMadeOfAreProtected)
 {
     const ProtectedFolders protectedFolders = folders();
     EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app")), kBundle);
-    EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app/Contents/MacOS")), std::nullopt);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app/Contents")), kBundle);
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app/Contents/MacOS")), kBundle);
+}
+
+TEST_F(ProtectedFoldersUnderARoot, AFileNamedInsideTheRunningProgramsBundleMayGo)
+{
+    writeFile(at("opt/Tool.app/Contents/Resources/Extra.txt"), "x");
+    const ProtectedFolders protectedFolders = folders();
+    EXPECT_EQ(refusalRemoving(protectedFolders, at("opt/Tool.app/Contents/Resources/Extra.txt")), std::nullopt);
 }
 
 TEST_F(ProtectedFoldersUnderARoot, DotDotAndLinksInTheMiddleAreFollowedToWhatWouldBeRemoved)
