@@ -146,7 +146,8 @@ std::optional<std::string> QELSecurity::reasonToLeaveModeAlone(const std::string
         return "it cannot be examined (" + error.message() + ")";
     }
     // Only the protected folders themselves, judged by identity alone.
-    if (const std::error_code refusal = platform::ProtectedFolders::shared().refusal(identity.st_dev, identity.st_ino)) {
+    if (const std::error_code refusal =
+            platform::ProtectedFolders::shared().refusal(identity.st_dev, identity.st_ino)) {
         return refusal.message();
     }
     const std::optional<std::string> tree = platform::SystemTrees::shared().treeHolding(path, &error);

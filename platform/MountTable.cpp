@@ -113,8 +113,7 @@ std::vector<MountEntry> MountTable::parse(std::string_view text)
         }
         // Optional fields up to the lone hyphen.
         bool separated = false;
-        for (std::string_view field = nextField(line, position); !field.empty();
-             field = nextField(line, position)) {
+        for (std::string_view field = nextField(line, position); !field.empty(); field = nextField(line, position)) {
             if (field == "-") {
                 separated = true;
                 break;
