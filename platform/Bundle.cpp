@@ -32,7 +32,9 @@ bool exists(const std::string& path)
 // /proc is not mounted.
 std::optional<std::string> startedExecutablePath()
 {
-    const auto* started = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
+    // The auxiliary vector hands the address over as a number; it is a
+    // pointer to the string the kernel placed on the stack at start.
+    const auto* started = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));  // NOLINT(performance-no-int-to-ptr)
     if (started == nullptr || *started == '\0') {
         return std::nullopt;
     }
