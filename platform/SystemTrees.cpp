@@ -1,12 +1,14 @@
 #include "platform/SystemTrees.h"
 
 #include "platform/FolderAncestors.h"
+#include "platform/PathParts.h"
 #include "platform/PosixIO.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <array>
+#include <utility>
 
 namespace platform {
 
@@ -19,15 +21,8 @@ constexpr std::array kStandardTrees = {"/usr",   "/bin",    "/sbin", "/lib",  "/
 // for a name right below the root. Trailing slashes are no component.
 std::string folderOfPath(const std::string& path)
 {
-    std::string trimmed = path;
-    while (trimmed.size() > 1 && trimmed.back() == '/') {
-        trimmed.pop_back();
-    }
-    const std::size_t slash = trimmed.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? std::string("/") : trimmed.substr(0, slash);
+    FolderAndName parts = splitFolderAndName(path);
+    return parts.folder.empty() ? std::string(".") : std::move(parts.folder);
 }
 
 }  // namespace
