@@ -246,11 +246,6 @@ run() {
     for name in ASAN_OPTIONS UBSAN_OPTIONS LSAN_OPTIONS; do
         [[ -z ${!name+set} ]] || command+=(--setenv "$name" "${!name}")
     done
-    # The leak check of a sanitizer build reads /proc: without it, it can
-    # only fail, whatever the program did.
-    if ((${#proc[@]} == 0)) && [[ -n ${ASAN_OPTIONS+set} ]]; then
-        command+=(--setenv ASAN_OPTIONS "$ASAN_OPTIONS:detect_leaks=0")
-    fi
     if [[ -n $filter ]]; then
         local filter_fd
         exec {filter_fd}<"$filter"
