@@ -6,35 +6,26 @@
 // it is building. A failure inside a pass (the deadline, a failed read) is
 // caught there and recorded as the process's pending error, which the next
 // pass raises once the failed pass has ended.
-#include <unistd.h>
-
-#include <cerrno>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
 
 #include "base/QELBase.h"
 #include "base/QELBaseConstants.h"
-#include "platform/PosixIO.h"
+#include "platform/PipeBytes.h"
 #include "platform/Text.h"
 #include "platform/UTF8.h"
 
 namespace {
 
-constexpr useconds_t kPollIntervalMicroseconds = 100000;
+constexpr uint32_t kPollIntervalMicroseconds = 100000;
 constexpr int32_t kDeadlinePassedErrorCode = 1852;
 constexpr int32_t kReadFailedErrorCode = 1880;
 constexpr int32_t kPipeExceptionHandlerID = 1881;
 constexpr unsigned char kLineFeed = '\n';
 constexpr int32_t kLogLevelNormal = 0;
 constexpr int32_t kLogLevelVerbose = 1;
-
-// One byte, one write. An interrupted write is repeated; any other outcome
-// is not examined: the protocol does not report a broken or full pipe.
-void writeByte(int32_t fd, unsigned char byte)
-{
-    static_cast<void>(platform::posix::retryOnEintr([&] { return ::write(fd, &byte, 1); }));
-}
 
 // The low 8 bits of a UTF-16 code unit.
 unsigned char lowByte(char32_t unit)
@@ -51,17 +42,17 @@ void writeUTF16LowBytes(int32_t fd, std::string_view text)
     while (position < text.size()) {
         const std::optional<platform::DecodedCharacter> decoded = platform::decodeUTF8At(text, position);
         if (!decoded) {
-            writeByte(fd, static_cast<unsigned char>(text[position]));
+            platform::PipeBytes::write(fd, static_cast<unsigned char>(text[position]));
             ++position;
             continue;
         }
         const char32_t codePoint = decoded->codePoint;
         if (codePoint > 0xFFFFU) {
             const char32_t offset = codePoint - 0x10000U;
-            writeByte(fd, lowByte(0xD800U + (offset >> 10U)));
-            writeByte(fd, lowByte(0xDC00U + (offset & 0x3FFU)));
+            platform::PipeBytes::write(fd, lowByte(0xD800U + (offset >> 10U)));
+            platform::PipeBytes::write(fd, lowByte(0xDC00U + (offset & 0x3FFU)));
         } else {
-            writeByte(fd, lowByte(codePoint));
+            platform::PipeBytes::write(fd, lowByte(codePoint));
         }
         position += decoded->length;
     }
@@ -117,16 +108,13 @@ std::string receiveLineOnPipe(int32_t fd, const platform::Date& deadline)
                 QELBase::raiseWithErrorCode(kDeadlinePassedErrorCode);
             }
             unsigned char byte = 0;
-            const ssize_t count = platform::posix::retryOnEintr([&] { return ::read(fd, &byte, 1); });
-            // A non-blocking descriptor with nothing to read says so with
-            // EAGAIN: no data, like a writer that has closed its end.
-            const bool noData = count == 0 || (count == -1 && (errno == EAGAIN || errno == EWOULDBLOCK));
-            if (count == -1 && !noData) {
+            const platform::PipeBytes::Read read = platform::PipeBytes::read(fd, byte);
+            if (read == platform::PipeBytes::Read::Failed) {
                 QELBase::raiseWithErrorCode(kReadFailedErrorCode);
             }
-            if (noData) {
+            if (read == platform::PipeBytes::Read::NoData) {
                 // Nothing yet, or the writer has closed its end: poll.
-                ::usleep(kPollIntervalMicroseconds);
+                platform::PipeBytes::pause(kPollIntervalMicroseconds);
             } else if (byte == kLineFeed) {
                 complete = true;
             } else {
@@ -149,7 +137,7 @@ std::string receiveLineOnPipe(int32_t fd, const platform::Date& deadline)
 void QELBase::sendCommand(const std::string& command, int32_t fd)
 {
     writeUTF16LowBytes(fd, command);
-    writeByte(fd, kLineFeed);
+    platform::PipeBytes::write(fd, kLineFeed);
 }
 
 std::string QELBase::receiveCommandOnPipe(int32_t fd)
