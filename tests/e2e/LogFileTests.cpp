@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "tests/support/Lines.h"
-#include "tests/support/LogFile.h"
+#include "tests/support/LogLines.h"
 #include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/Subprocess.h"

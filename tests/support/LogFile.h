@@ -5,11 +5,9 @@
 #include <string>
 #include <vector>
 
-namespace testsupport {
+#include "tests/support/LogLines.h"
 
-// The messages of a log file's lines ("<date description>: <message>"),
-// in order; a line of another form fails the running test.
-std::vector<std::string> logMessagesOf(const std::string& contents);
+namespace testsupport {
 
 // The contents of this process's log file (QELBase::logFilePath), "" when
 // there is none.
