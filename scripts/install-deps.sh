@@ -7,7 +7,7 @@ packages=(
     libgtest-dev                          # the test framework
     libplist-dev                          # property lists, XML and binary
     bubblewrap                            # the sandbox of the end-to-end tests, demo and benchmarks
-    clang-tidy                            # the static checks of the test script
+    clang-format clang-tidy               # the format and static checks of the test script
     openssl                               # the digest oracle of the tests and bench/hash's baseline
     coreutils findutils util-linux time   # sha256sum, xargs, setpriv/unshare, /usr/bin/time
     strace                                # the system-call counts of a test and bench/remove
