@@ -744,7 +744,11 @@ TEST_P(Preview, ALogNamingTheLibraryOfAReadOnlyBundleCannotRemoveItAsARealRunCan
     // and both call it.
     const auto layDown = [](Sandbox& sandbox) {
         layDownCompleteInstallation(sandbox);
-        sandbox.writeFile(kProductLog, std::string(kLibraryInBundle) + "\n");
+        // Appended rather than added: GCC 12 reports a false out-of-bounds
+        // copy for `std::string(...) + "\n"` here.
+        std::string log(kLibraryInBundle);
+        log += '\n';
+        sandbox.writeFile(kProductLog, log);
     };
     Sandbox previewed(GetParam());
     layDown(previewed);
