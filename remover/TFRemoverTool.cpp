@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
-#include "remover/InstallLogList.h"
+#include "identities/ExternalTools.h"
 #include "platform/Bundle.h"
 #include "platform/ConsoleLog.h"
 #include "platform/Exception.h"
@@ -21,6 +21,7 @@
 #include "platform/Text.h"
 #include "platform/TrustedFile.h"
 #include "platform/Workspace.h"
+#include "remover/InstallLogList.h"
 
 int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*) = nullptr;  // NOLINT
 
@@ -280,7 +281,7 @@ bool TFRemoverTool::bundleVersionIsCurrent(const std::string& bundlePath)
 
 void TFRemoverTool::forgetPkgId(const std::string& pattern)
 {
-    platform::Task::launchedTaskWithLaunchPath(kPackageToolPath, {"--regexp", "--forget", pattern}).waitUntilExit();
+    platform::Task::launchedTaskWithLaunchPath(kPackageToolPath, {kPackageTool_Arg_regexp, kPackageTool_Arg_forget, pattern}).waitUntilExit();
 }
 
 std::string TFRemoverTool::obtainVolume()
@@ -300,7 +301,8 @@ void TFRemoverTool::forgetReceipts()
 {
     const std::string volume = obtainVolume();
     platform::Task::launchedTaskWithLaunchPath(
-        kPackageToolPath, {"--regexp", "--forget", std::string(kApplicationPackage) + "*", "--volume", volume})
+        kPackageToolPath, {kPackageTool_Arg_regexp, kPackageTool_Arg_forget, std::string(kApplicationPackage) + "*",
+                           kPackageTool_Arg_volume, volume})
         .waitUntilExit();
     // The further packages are forgotten on the tool's default volume, even
     // when the application lies on another one.

@@ -13,13 +13,6 @@
 
 class TFRemoverTool {
 public:
-    // What the remover runs or loads besides itself: the package tool, and
-    // the maker's install-manager library in the bundle's private frameworks
-    // with its one entry.
-    static constexpr const char* kPackageToolPath = "/usr/sbin/pkgutil";
-    static constexpr const char* kInstallManagerLibrary = "CorvaneHOV.dylib";
-    static constexpr const char* kInstallManagerEntry = "hov_uninstallCorvaneApplicationManager";
-
     TFRemoverTool() = default;
     ~TFRemoverTool();
     TFRemoverTool(const TFRemoverTool&) = delete;
