@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fsutil/QELUHash.h"
+#include "identities/ExternalTools.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Path.h"

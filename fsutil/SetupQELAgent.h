@@ -14,10 +14,6 @@
 
 #include "platform/Bundle.h"
 
-inline constexpr char kLaunchctl_ToolPath[] = "/bin/launchctl";
-inline constexpr char kLaunchctl_Arg_unload[] = "unload";
-inline constexpr char kLaunchctl_Arg_load[] = "load";
-
 // install true: writes and loads the agent for the bundle's helper
 // application "<bundle>/Contents/MacOS/Updater/<appName> Updater Helper.app"
 // unless one is there already. install false: unloads and deletes the

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <charconv>
+#include <cstdio>
 #include <limits>
 
 namespace platform {
@@ -145,6 +146,36 @@ std::optional<std::vector<uint8_t>> dataUsingUTF8Encoding(std::string_view text)
         return std::nullopt;
     }
     return std::vector<uint8_t>(text.begin(), text.end());
+}
+
+bool isControlCharacter(unsigned char c)
+{
+    return c < 0x20 || c == 0x7F;
+}
+
+std::string escapingControlCharacters(std::string_view text, char quote)
+{
+    std::string out;
+    for (const char character : text) {
+        const auto c = static_cast<unsigned char>(character);
+        if (c == '\r') {
+            out += "\\r";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (isControlCharacter(c)) {
+            std::array<char, 8> buffer{};
+            std::snprintf(buffer.data(), buffer.size(), "\\x%02X", c);
+            out += buffer.data();
+        } else if (c == '\\' || (quote != 0 && c == static_cast<unsigned char>(quote))) {
+            out.push_back('\\');
+            out.push_back(character);
+        } else {
+            out.push_back(character);
+        }
+    }
+    return out;
 }
 
 const char* utf8StringOrNull(const std::optional<std::string>& text)

@@ -31,6 +31,16 @@ bool containsString(std::string_view text, std::string_view part);
 bool isValidUTF8(std::string_view text);
 // The text's UTF-8 bytes, or none when it has no UTF-8 form.
 std::optional<std::vector<uint8_t>> dataUsingUTF8Encoding(std::string_view text);
+// A C0 control character (below 0x20) or DEL.
+bool isControlCharacter(unsigned char c);
+// The text with every control character shown as \r, \n, \t or \xHH and a
+// backslash as \\, and, when `quote` is given, that quote as backslash and
+// quote: what shows one line on a terminal, whatever the text holds. Bytes
+// from 0x80 up stay as they are.
+//
+//   escapingControlCharacters("/x\n\x1B[2Ky")    gives  /x\n\x1B[2Ky  (one line)
+//   escapingControlCharacters("it's", '\'')      gives  it\'s
+std::string escapingControlCharacters(std::string_view text, char quote = 0);
 // What "%s" prints for a string that may be absent: the C library's "(null)".
 const char* utf8StringOrNull(const std::optional<std::string>& text);
 

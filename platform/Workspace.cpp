@@ -39,7 +39,7 @@ bool Workspace::performFileOperation(WorkspaceOperation operation, const std::st
                                      const std::optional<std::string>& destination,
                                      const std::vector<std::string>& files, int32_t* tag)
 {
-    return performFileOperation(operation, source, destination, files, tag, nullptr, theDestroyFailureHandler);
+    return performFileOperation(operation, source, destination, files, tag, nullptr, nullptr);
 }
 
 bool Workspace::performFileOperation(WorkspaceOperation operation, const std::string& source,

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <utility>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -31,27 +30,21 @@ public:
     // every named item was destroyed; false when one did not exist or could
     // not be destroyed completely; an empty list destroys nothing and is
     // false. The destination is not used; tag, when given, receives 0.
-    // A replacement workspace overrides this form.
-    virtual bool performFileOperation(WorkspaceOperation operation, const std::string& source,
-                                      const std::optional<std::string>& destination,
-                                      const std::vector<std::string>& files, int32_t* tag);
-    // The same destroy, telling why something stayed: `error` receives the
-    // reason of the first failure (cleared when everything went;
-    // invalid_argument for an empty list), and `onFailure`, when set, is
-    // called for every item that stayed, with its path and the reason.
     bool performFileOperation(WorkspaceOperation operation, const std::string& source,
                               const std::optional<std::string>& destination, const std::vector<std::string>& files,
-                              int32_t* tag, std::error_code* error,
-                              const TreeRemover::FailureHandler& onFailure = nullptr);
-
-    // Called for every item that a destroy through the first form leaves,
-    // with its path and the reason (TreeRemover.h), so that a caller of that
-    // form can say why; an empty handler (the default) tells nobody. The
-    // second form uses its own `onFailure` instead.
-    void setDestroyFailureHandler(TreeRemover::FailureHandler handler)
-    {
-        theDestroyFailureHandler = std::move(handler);
-    }
+                              int32_t* tag);
+    // The same destroy, telling why something stayed: `error`, when given,
+    // receives the reason of the first failure (cleared when everything
+    // went; invalid_argument for an empty list), and `onFailure`, when set,
+    // is called for every item that stayed, with its path and the reason.
+    // A replacement workspace overrides this form; the first one calls it.
+    //
+    //   workspace.performFileOperation(WorkspaceOperation::Destroy, "/Library/X", std::nullopt, {"y"}, &tag,
+    //                                  nullptr, [](const std::string& item, std::error_code reason) { ... });
+    virtual bool performFileOperation(WorkspaceOperation operation, const std::string& source,
+                                      const std::optional<std::string>& destination,
+                                      const std::vector<std::string>& files, int32_t* tag, std::error_code* error,
+                                      const TreeRemover::FailureHandler& onFailure = nullptr);
 
     // Only clearing is supported (image = nullptr): a folder's custom icon is
     // the file "Icon\r" inside it. True when no custom icon remains (also when
@@ -62,9 +55,6 @@ public:
 
 protected:
     Workspace() = default;
-
-private:
-    TreeRemover::FailureHandler theDestroyFailureHandler;
 };
 
 }  // namespace platform

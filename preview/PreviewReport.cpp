@@ -4,46 +4,11 @@
 #include <cstdio>
 #include <tuple>
 
+#include "platform/Text.h"
+
 namespace {
 
 using platform::OverlayChange;
-
-bool isControl(unsigned char c)
-{
-    return c < 0x20 || c == 0x7F;
-}
-
-std::string hexEscape(unsigned char c)
-{
-    char buffer[8];
-    std::snprintf(buffer, sizeof buffer, "\\x%02X", c);
-    return buffer;
-}
-
-// \r, \n, \t, \xHH for a control character, \\ for a backslash and, when
-// `quote` is given, that quote escaped too.
-std::string escaped(std::string_view text, char quote)
-{
-    std::string out;
-    for (const char character : text) {
-        const auto c = static_cast<unsigned char>(character);
-        if (c == '\r') {
-            out += "\\r";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else if (c == '\t') {
-            out += "\\t";
-        } else if (isControl(c)) {
-            out += hexEscape(c);
-        } else if (c == '\\' || (quote != 0 && c == static_cast<unsigned char>(quote))) {
-            out.push_back('\\');
-            out.push_back(character);
-        } else {
-            out.push_back(character);
-        }
-    }
-    return out;
-}
 
 std::string itemsInside(uint64_t count)
 {
@@ -112,7 +77,7 @@ std::string describeCall(const platform::InheritedJournal::Record& call)
 
 std::string PreviewReport::escapedPath(std::string_view path)
 {
-    return escaped(path, 0);
+    return platform::escapingControlCharacters(path);
 }
 
 std::string PreviewReport::shellQuoted(std::string_view argument)
@@ -128,8 +93,8 @@ std::string PreviewReport::shellQuoted(std::string_view argument)
         return std::string(argument);
     }
     if (std::any_of(argument.begin(), argument.end(),
-                    [](char c) { return isControl(static_cast<unsigned char>(c)); })) {
-        return "$'" + escaped(argument, '\'') + "'";
+                    [](char c) { return platform::isControlCharacter(static_cast<unsigned char>(c)); })) {
+        return "$'" + platform::escapingControlCharacters(argument, '\'') + "'";
     }
     std::string out = "'";
     for (const char c : argument) {

@@ -7,8 +7,8 @@
 #include <dlfcn.h>
 #include <string>
 
+#include "identities/ExternalTools.h"
 #include "platform/InheritedJournal.h"
-#include "remover/TFRemoverTool.h"
 
 extern "C" __attribute__((visibility("default"))) int32_t hov_uninstallCorvaneApplicationManager(int32_t* result)
 {
@@ -16,7 +16,7 @@ extern "C" __attribute__((visibility("default"))) int32_t hov_uninstallCorvaneAp
     const bool found = dladdr(reinterpret_cast<void*>(&hov_uninstallCorvaneApplicationManager), &where) != 0 &&
                        where.dli_fname != nullptr;
     platform::InheritedJournal::appendToInherited(
-        {"call", found ? where.dli_fname : "(unknown)", TFRemoverTool::kInstallManagerEntry});
+        {"call", found ? where.dli_fname : "(unknown)", kInstallManagerEntry});
     if (result != nullptr) {
         *result = 0;
     }

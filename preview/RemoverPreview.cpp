@@ -7,7 +7,7 @@
 #include <optional>
 #include <system_error>
 
-#include "fsutil/SetupQELAgent.h"
+#include "identities/ExternalTools.h"
 #include "platform/Bundle.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
@@ -20,7 +20,6 @@
 #include "platform/Task.h"
 #include "platform/User.h"
 #include "preview/PreviewReport.h"
-#include "remover/TFRemoverTool.h"
 
 namespace {
 
@@ -94,8 +93,7 @@ BundleParts partsOf(const platform::Bundle& bundle)
             platform::appendingPathComponents(bundlePath, {"Contents", "MacOS", "RemoverPreview"}),
             platform::appendingPathComponent(standIns, RemoverPreview::kRecordingTool),
             platform::appendingPathComponent(standIns, RemoverPreview::kRecordingLibrary),
-            platform::appendingPathComponents(bundlePath,
-                                              {"Contents", "Frameworks", TFRemoverTool::kInstallManagerLibrary})};
+            platform::appendingPathComponents(bundlePath, {"Contents", "Frameworks", kInstallManagerLibrary})};
 }
 
 // A stand-in goes only where the real thing is: where it is missing (or is a
@@ -106,7 +104,7 @@ std::string placeStandIns(platform::OverlayRoot& root, const BundleParts& parts)
 {
     const platform::FileManager& files = platform::FileManager::defaultManager();
     const std::vector<std::pair<std::string, std::string>> standInFor = {
-        {parts.recordingTool, TFRemoverTool::kPackageToolPath},
+        {parts.recordingTool, kPackageToolPath},
         {parts.recordingTool, kLaunchctl_ToolPath},
         {parts.recordingLibrary, parts.library},
     };

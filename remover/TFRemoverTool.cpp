@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fsutil/SetupQELAgent.h"
-#include "remover/InstallLogList.h"
+#include "identities/ExternalTools.h"
 #include "platform/Bundle.h"
 #include "platform/ConsoleLog.h"
 #include "platform/Exception.h"
@@ -21,6 +21,8 @@
 #include "platform/Text.h"
 #include "platform/TrustedFile.h"
 #include "platform/Workspace.h"
+#include "remover/DestroyFailures.h"
+#include "remover/InstallLogList.h"
 
 int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*) = nullptr;  // NOLINT
 
@@ -123,8 +125,6 @@ void TFRemoverTool::setAppPath(const std::string& path)
 
 void TFRemoverTool::run()
 {
-    int32_t tag = 0;
-
     const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
     const std::optional<std::string> fileListPath =
         mainBundle ? mainBundle->pathForResource("FileList", "txt") : std::nullopt;
@@ -132,8 +132,8 @@ void TFRemoverTool::run()
     const std::string companionLogPath =
         platform::appendingPathComponents(kInstallLogFolder, {kCompanionIdentifier, kInstallLogName});
 
-    removeInstallLog(productLogPath, &tag);
-    removeInstallLog(companionLogPath, &tag);
+    removeInstallLog(productLogPath);
+    removeInstallLog(companionLogPath);
     removeQELLaunchdAgent();
     uninstallJEX();
     forgetReceipts();
@@ -166,36 +166,42 @@ std::optional<std::string> TFRemoverTool::productInstallLogPath() const
     return platform::appendingPathComponents(kInstallLogFolder, {*identifier, kInstallLogName});
 }
 
-void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag)
+void TFRemoverTool::removeInstallLog(const std::optional<std::string>& logPath)
 {
     bool isDirectory = false;
     if (!logPath || !FileManager::defaultManager().fileExistsAtPath(*logPath, &isDirectory)) {
         return;
     }
     listToDelete(*logPath);
-    destroyAndReport(*logPath, tag);
+    destroyAndReport(*logPath);
 }
 
-void TFRemoverTool::listToDelete(const std::string& listPath)
+std::optional<std::string> TFRemoverTool::readList(const std::string& listPath)
 {
     // The list is read whole first, so a list that names its own file still
     // runs to its end. Only a list nobody but root (or the running user)
     // could have written is read; every refusal is told on the console.
     std::optional<std::string> bytes = platform::TrustedFile::read(listPath);
     if (!bytes) {
-        return;
+        return std::nullopt;
     }
     std::optional<std::string> text = InstallLogList::text(std::move(*bytes));
-    bytes.reset();
     if (!text) {
         platform::ConsoleLog::log("not read: " + listPath + ": not text (UTF-8, or UTF-16 with a byte-order mark)");
+    }
+    return text;
+}
+
+void TFRemoverTool::listToDelete(const std::string& listPath)
+{
+    std::optional<std::string> text = readList(listPath);
+    if (!text) {
         return;
     }
 
     const bool pluginMayGo = shouldDeleteBrowserPlugin();
     bool preferencesMet = false;
     bool pluginMet = false;
-    int32_t tag = 0;
 
     const bool complete =
         InstallLogList::forEachEntry(std::move(*text), theAppParentPath.value_or(""), [&](const std::string& path) {
@@ -205,7 +211,7 @@ void TFRemoverTool::listToDelete(const std::string& listPath)
                 const bool isProtected = path == kBrowserPluginPreferencesPath || path == kBrowserPluginPath;
                 const bool skip = !pluginMayGo && !(preferencesMet && pluginMet) && isProtected;
                 if (!skip) {
-                    removeListedPath(path, &tag);
+                    removeListedPath(path);
                 }
                 if (!pluginMayGo) {
                     if (!preferencesMet && path == kBrowserPluginPreferencesPath) {
@@ -224,14 +230,14 @@ void TFRemoverTool::listToDelete(const std::string& listPath)
     }
 }
 
-void TFRemoverTool::removeListedPath(const std::string& path, int32_t* tag) const
+void TFRemoverTool::removeListedPath(const std::string& path) const
 {
     // A path holding NUL names no file: the system would see only the text
     // before it. Nothing is touched, and the line, printed as C prints a
     // string, ends at the NUL.
     bool isDirectory = false;
     if (path.find('\0') == std::string::npos && FileManager::defaultManager().fileExistsAtPath(path, &isDirectory)) {
-        destroyAndReport(path, tag);
+        destroyAndReport(path);
     } else {
         printStatus(kStatusFileMissing, path);
     }
@@ -280,7 +286,9 @@ bool TFRemoverTool::bundleVersionIsCurrent(const std::string& bundlePath)
 
 void TFRemoverTool::forgetPkgId(const std::string& pattern)
 {
-    platform::Task::launchedTaskWithLaunchPath(kPackageToolPath, {"--regexp", "--forget", pattern}).waitUntilExit();
+    platform::Task::launchedTaskWithLaunchPath(kPackageToolPath,
+                                               {kPackageTool_Arg_regexp, kPackageTool_Arg_forget, pattern})
+        .waitUntilExit();
 }
 
 std::string TFRemoverTool::obtainVolume()
@@ -299,8 +307,9 @@ std::string TFRemoverTool::obtainVolume()
 void TFRemoverTool::forgetReceipts()
 {
     const std::string volume = obtainVolume();
-    platform::Task::launchedTaskWithLaunchPath(
-        kPackageToolPath, {"--regexp", "--forget", std::string(kApplicationPackage) + "*", "--volume", volume})
+    platform::Task::launchedTaskWithLaunchPath(kPackageToolPath, {kPackageTool_Arg_regexp, kPackageTool_Arg_forget,
+                                                                  std::string(kApplicationPackage) + "*",
+                                                                  kPackageTool_Arg_volume, volume})
         .waitUntilExit();
     // The further packages are forgotten on the tool's default volume, even
     // when the application lies on another one.
@@ -311,7 +320,6 @@ void TFRemoverTool::forgetReceipts()
 
 void TFRemoverTool::deletePrintComponents()
 {
-    int32_t tag = 0;
     for (const char* component : kPrintComponents) {
         if (!FileManager::defaultManager().fileExistsAtPath(component)) {
             printStatus(kStatusFileMissing, component);
@@ -322,7 +330,7 @@ void TFRemoverTool::deletePrintComponents()
         if (!bundleVersionIsCurrent(component)) {
             continue;
         }
-        destroyAndReport(component, &tag);
+        destroyAndReport(component);
     }
 }
 
@@ -360,16 +368,15 @@ void TFRemoverTool::deleteParentFolder(const std::string& path)
     std::error_code reason;
     const bool removed = contents && contents->empty() && fileManager.removeItemAtPath(path, &reason);
     if (reason) {
-        platform::ConsoleLog::log("not removed: " + path + ": " + reason.message());
+        platform::ConsoleLog::log(DestroyFailures::line(path, reason.message()));
     }
     printStatus(removed ? kStatusRemoved : kStatusErrorRemovingFile, path);
 }
 
 void TFRemoverTool::uninstallJEX()
 {
-    int32_t tag = 0;
     // No existence test first: the destroy operation's own result decides.
-    destroyAndReport(kApplicationManagerReference, &tag);
+    destroyAndReport(kApplicationManagerReference);
 
     const std::optional<platform::Bundle> mainBundle = platform::Bundle::mainBundle();
     if (!mainBundle) {
@@ -387,6 +394,11 @@ void TFRemoverTool::uninstallJEX()
                      libraryPath.c_str());
         return;
     }
+    callInstallManager(libraryPath);
+}
+
+void TFRemoverTool::callInstallManager(const std::string& libraryPath) const
+{
     void* library = dlopen(libraryPath.c_str(), RTLD_LAZY);
     if (library == nullptr) {
         printStatus(kStatusJEXUninstallFailed, "NULL_HANDLE_TO_CORVANEHOV");
@@ -431,60 +443,14 @@ void TFRemoverTool::removeQELLaunchdAgent()
                  platform::utf8StringOrNull(plistPath));
 }
 
-namespace {
-
-// Collects why a destroy left something, for one console line per destroy:
-// the first item that stayed with its reason, and how many more did.
-class DestroyFailures {
-public:
-    void add(const std::string& path, std::error_code reason)
-    {
-        if (theCount++ == 0) {
-            theFirstPath = path;
-            theFirstReason = reason;
-        }
-    }
-
-    // "not removed: /x/y: Read-only file system", " (and N more)" when more
-    // than one item stayed. Nothing when everything went.
-    void log(const std::string& path) const
-    {
-        if (theCount == 0) {
-            // The destroy failed without telling which item stayed.
-            platform::ConsoleLog::log("not removed: " + path);
-            return;
-        }
-        std::string line = "not removed: " + theFirstPath + ": " + theFirstReason.message();
-        if (theCount > 1) {
-            line += " (and " + std::to_string(theCount - 1) + " more)";
-        }
-        platform::ConsoleLog::log(line);
-    }
-
-private:
-    std::string theFirstPath;
-    std::error_code theFirstReason;
-    std::size_t theCount = 0;
-};
-
-}  // namespace
-
-bool TFRemoverTool::destroyItem(const std::string& path, int32_t* tag)
+bool TFRemoverTool::destroyItem(const std::string& path)
 {
-    Workspace& workspace = Workspace::sharedWorkspace();
+    // The workspace writes 0 through the tag; nothing reads it.
+    int32_t tag = 0;
     DestroyFailures failures;
-    workspace.setDestroyFailureHandler(
-        [&failures](const std::string& item, std::error_code reason) { failures.add(item, reason); });
-    bool destroyed = false;
-    try {
-        destroyed =
-            workspace.performFileOperation(WorkspaceOperation::Destroy, platform::deletingLastPathComponent(path),
-                                           std::nullopt, {platform::lastPathComponent(path)}, tag);
-    } catch (...) {
-        workspace.setDestroyFailureHandler(nullptr);
-        throw;
-    }
-    workspace.setDestroyFailureHandler(nullptr);
+    const bool destroyed = Workspace::sharedWorkspace().performFileOperation(
+        WorkspaceOperation::Destroy, platform::deletingLastPathComponent(path), std::nullopt,
+        {platform::lastPathComponent(path)}, &tag, nullptr, failures.handler());
     if (!destroyed) {
         failures.log(path);
     }
@@ -497,9 +463,9 @@ std::string TFRemoverTool::statusWord(const char* key)
     return mainBundle ? mainBundle->localizedStringForKey(key) : std::string(key);
 }
 
-void TFRemoverTool::destroyAndReport(const std::string& path, int32_t* tag) const
+void TFRemoverTool::destroyAndReport(const std::string& path) const
 {
-    printStatus(destroyItem(path, tag) ? kStatusRemoved : kStatusErrorRemovingFile, path);
+    printStatus(destroyItem(path) ? kStatusRemoved : kStatusErrorRemovingFile, path);
 }
 
 void TFRemoverTool::printStatus(const char* key, const std::string& subject) const

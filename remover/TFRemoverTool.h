@@ -13,13 +13,6 @@
 
 class TFRemoverTool {
 public:
-    // What the remover runs or loads besides itself: the package tool, and
-    // the maker's install-manager library in the bundle's private frameworks
-    // with its one entry.
-    static constexpr const char* kPackageToolPath = "/usr/sbin/pkgutil";
-    static constexpr const char* kInstallManagerLibrary = "CorvaneHOV.dylib";
-    static constexpr const char* kInstallManagerEntry = "hov_uninstallCorvaneApplicationManager";
-
     TFRemoverTool() = default;
     ~TFRemoverTool();
     TFRemoverTool(const TFRemoverTool&) = delete;
@@ -79,15 +72,22 @@ private:
     void printStatus(const char* key, const std::string& subject) const;
     static std::string statusWord(const char* key);
     // Destroys the item at path through the workspace; true on success.
-    static bool destroyItem(const std::string& path, int32_t* tag);
+    // A failure is told on the console ("not removed: PATH: REASON").
+    static bool destroyItem(const std::string& path);
     // Destroys the item at path and prints "Removed" or "ErrorRemovingFile"
     // for it.
-    void destroyAndReport(const std::string& path, int32_t* tag) const;
+    void destroyAndReport(const std::string& path) const;
     // One entry of a list: destroyed and reported, or "FileMissing" when it
     // does not exist or holds a NUL byte.
-    void removeListedPath(const std::string& path, int32_t* tag) const;
+    void removeListedPath(const std::string& path) const;
     // An install log: its entries, then the log itself. Silent when missing.
-    void removeInstallLog(const std::optional<std::string>& logPath, int32_t* tag);
+    void removeInstallLog(const std::optional<std::string>& logPath);
+    // The text of a list file, or none when it is not read (the console
+    // says why).
+    static std::optional<std::string> readList(const std::string& listPath);
+    // Loads the install-manager library at libraryPath, calls its entry and
+    // prints the outcome.
+    void callInstallManager(const std::string& libraryPath) const;
     // The product's install log, named by the application bundle's
     // identifier; none when the bundle cannot be opened or has none, or when
     // the identifier is not one folder name (empty, ".", "..", or holding a

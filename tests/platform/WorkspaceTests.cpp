@@ -48,7 +48,8 @@ int runWithRootAt(const std::string& root, const std::function<int()>& body)
 class RecordingWorkspace : public Workspace {
 public:
     bool performFileOperation(WorkspaceOperation, const std::string& source, const std::optional<std::string>&,
-                              const std::vector<std::string>&, int32_t*) override
+                              const std::vector<std::string>&, int32_t*, std::error_code*,
+                              const platform::TreeRemover::FailureHandler&) override
     {
         lastSource = source;
         return true;
@@ -436,21 +437,6 @@ TEST(WorkspaceDestroy, BindMountOfTheSameDiskInsideTheItemKeepsItsSource)
     EXPECT_EQ(readFile(dir.at("source/one")), "1");
     EXPECT_EQ(readFile(dir.at("source/sub/two")), "2");
     EXPECT_FALSE(present(dir.at("item/file")));
-}
-
-TEST(WorkspaceDestroyReasons, TheFirstFormTellsItsFailureHandlerWhy)
-{
-    TempDir dir;
-    std::vector<std::pair<std::string, std::error_code>> failures;
-    Workspace& workspace = Workspace::sharedWorkspace();
-    workspace.setDestroyFailureHandler(
-        [&failures](const std::string& path, std::error_code reason) { failures.emplace_back(path, reason); });
-    EXPECT_FALSE(destroy(dir.path(), {"missing"}));
-    workspace.setDestroyFailureHandler(nullptr);
-    EXPECT_FALSE(destroy(dir.path(), {"missing too"}));
-    ASSERT_EQ(failures.size(), 1U);
-    EXPECT_EQ(failures[0].first, dir.at("missing"));
-    EXPECT_EQ(failures[0].second, std::errc::no_such_file_or_directory);
 }
 
 }  // namespace

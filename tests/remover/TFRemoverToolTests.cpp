@@ -75,7 +75,8 @@ class ThrowingWorkspace : public platform::Workspace {
 public:
     explicit ThrowingWorkspace(std::function<void()> thrower) : theThrower(std::move(thrower)) {}
     bool performFileOperation(platform::WorkspaceOperation, const std::string&, const std::optional<std::string>&,
-                              const std::vector<std::string>&, int32_t*) override
+                              const std::vector<std::string>&, int32_t*, std::error_code*,
+                              const platform::TreeRemover::FailureHandler&) override
     {
         theThrower();
         return false;
