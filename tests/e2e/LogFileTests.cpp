@@ -5,20 +5,20 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
-#include <sched.h>
 #include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "tests/support/Lines.h"
 #include "tests/support/LogLines.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RemoverFixture.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/Subprocess.h"
@@ -102,9 +102,10 @@ std::string setImmutableFlag(const std::string& hostPath, bool immutable)
 
 // Makes sure files of the fixture's home folder can be marked immutable. The
 // fixture lies on the build folder's file system; where that one has no
-// immutable flag (tmpfs may not), the test process moves into a mount
-// namespace of its own and mounts a small ext4 image over the fixture's home
-// folder, which the sandbox then binds as it is. Empty when it worked.
+// immutable flag (tmpfs may not), a small ext4 image is mounted over the
+// fixture's home folder, which the sandbox then binds as it is. Only in a
+// child in a private mount namespace (the mount goes with it). Empty when it
+// worked.
 std::string makeHomeImmutableCapable(const Sandbox& sandbox)
 {
     const std::string home = sandbox.hostPath("/root");
@@ -117,9 +118,6 @@ std::string makeHomeImmutableCapable(const Sandbox& sandbox)
         return "";
     }
     const std::string image = sandbox.root() + "/home.ext4";
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return "no immutable flag (" + why + ") and no private mount namespace: " + std::strerror(errno);
-    }
     for (const std::vector<std::string>& command :
          {std::vector<std::string>{"/usr/bin/truncate", "-s", "16M", image},
           std::vector<std::string>{"/usr/sbin/mkfs.ext4", "-q", "-F", image},
@@ -156,11 +154,16 @@ private:
 class LogFile : public ::testing::Test {
 protected:
     void SetUp() override { sandbox.makeDirectory(kLibrary); }
-    // For the tests that mark a file immutable: before anything is written.
-    void useImmutableCapableHome()
+    // Runs `check`, a test that marks a file immutable, where the fixture's
+    // home folder can take the flag: in a child in a private mount
+    // namespace, which may mount an image over the home folder.
+    void inImmutableCapableHome(const std::function<void()>& check)
     {
-        ASSERT_EQ(makeHomeImmutableCapable(sandbox), "");
-        sandbox.makeDirectory(kLibrary);
+        testsupport::expectInPrivateMountNamespace([this, &check] {
+            ASSERT_EQ(makeHomeImmutableCapable(sandbox), "");
+            sandbox.makeDirectory(kLibrary);
+            check();
+        });
     }
 
     RunResult qelutil(const std::vector<std::string>& arguments) const
@@ -325,35 +328,33 @@ TEST_F(LogFile, AnExistingOldLogIsReplacedAtRotation)
 
 TEST_F(LogFile, IfTheOldLogCannotBeDeletedTheCurrentLogKeepsGrowing)
 {
-    useImmutableCapableHome();
-    if (HasFatalFailure()) {
-        return;
-    }
-    const std::string full = logOfSize(kRotationSize);
-    const std::string older = "2026-11-20 00:00:00 +0000: older still\n";
-    sandbox.makeDirectory(kLogFolder, 0700);
-    sandbox.writeFile(kOldLog, older, 0700);
-    sandbox.writeFile(kLog, full, 0700);
-    const ImmutableFile pinned(sandbox, kOldLog);
-    ASSERT_EQ(pinned.error(), "") << "the build folder's file system must support the immutable flag";
+    inImmutableCapableHome([this] {
+        const std::string full = logOfSize(kRotationSize);
+        const std::string older = "2026-11-20 00:00:00 +0000: older still\n";
+        sandbox.makeDirectory(kLogFolder, 0700);
+        sandbox.writeFile(kOldLog, older, 0700);
+        sandbox.writeFile(kLog, full, 0700);
+        const ImmutableFile pinned(sandbox, kOldLog);
+        ASSERT_EQ(pinned.error(), "") << "the build folder's file system must support the immutable flag";
 
-    for (const char* message : {"first run", "second run"}) {
-        const RunResult result = log(message);
-        ASSERT_EQ(result.exitStatus, 0) << describe(result);
-        // The deletion's failure is logged while the path is known, so into
-        // the current log; the set-up then gives up and the message goes to
-        // the console.
-        const auto console = consoleMessages(result.standardError);
-        EXPECT_TRUE(contains(console, errorLine(1865))) << describe(result);
-        EXPECT_EQ(countOf(console, kSetUpFailed), 1U) << describe(result);
-        EXPECT_TRUE(contains(console, message)) << describe(result);
-    }
-    EXPECT_EQ(sandbox.readFile(kOldLog), older);
-    const std::string contents = sandbox.readFile(kLog);
-    ASSERT_GT(contents.size(), full.size());
-    EXPECT_EQ(contents.substr(0, full.size()), full);
-    EXPECT_EQ(testsupport::logMessagesOf(contents.substr(full.size())),
-              (std::vector<std::string>{errorLine(1865), errorLine(1865)}));
+        for (const char* message : {"first run", "second run"}) {
+            const RunResult result = log(message);
+            ASSERT_EQ(result.exitStatus, 0) << describe(result);
+            // The deletion's failure is logged while the path is known, so into
+            // the current log; the set-up then gives up and the message goes to
+            // the console.
+            const auto console = consoleMessages(result.standardError);
+            EXPECT_TRUE(contains(console, errorLine(1865))) << describe(result);
+            EXPECT_EQ(countOf(console, kSetUpFailed), 1U) << describe(result);
+            EXPECT_TRUE(contains(console, message)) << describe(result);
+        }
+        EXPECT_EQ(sandbox.readFile(kOldLog), older);
+        const std::string contents = sandbox.readFile(kLog);
+        ASSERT_GT(contents.size(), full.size());
+        EXPECT_EQ(contents.substr(0, full.size()), full);
+        EXPECT_EQ(testsupport::logMessagesOf(contents.substr(full.size())),
+                  (std::vector<std::string>{errorLine(1865), errorLine(1865)}));
+    });
 }
 
 TEST_F(LogFile, AForcedFailureToDeleteTheOldLogSkipsTheRotation)
@@ -374,27 +375,25 @@ TEST_F(LogFile, AForcedFailureToDeleteTheOldLogSkipsTheRotation)
 
 TEST_F(LogFile, AnImmutableLogIsNotRotatedAndLoggingGoesToTheConsole)
 {
-    useImmutableCapableHome();
-    if (HasFatalFailure()) {
-        return;
-    }
-    const std::string full = logOfSize(kRotationSize);
-    sandbox.makeDirectory(kLogFolder, 0700);
-    sandbox.writeFile(kLog, full, 0700);
-    std::string after;
-    {
-        const ImmutableFile pinned(sandbox, kLog);
-        ASSERT_EQ(pinned.error(), "") << "the build folder's file system must support the immutable flag";
-        const RunResult result = log("message");
-        ASSERT_EQ(result.exitStatus, 0) << describe(result);
-        const auto console = consoleMessages(result.standardError);
-        // The log cannot take the error line either: it goes to the console.
-        EXPECT_EQ(countOf(console, errorLine(1558)), 1U) << describe(result);
-        EXPECT_EQ(countOf(console, kSetUpFailed), 1U) << describe(result);
-        EXPECT_TRUE(contains(console, "message")) << describe(result);
-    }
-    EXPECT_EQ(sandbox.readFile(kLog), full);
-    EXPECT_FALSE(sandbox.exists(kOldLog));
+    inImmutableCapableHome([this] {
+        const std::string full = logOfSize(kRotationSize);
+        sandbox.makeDirectory(kLogFolder, 0700);
+        sandbox.writeFile(kLog, full, 0700);
+        std::string after;
+        {
+            const ImmutableFile pinned(sandbox, kLog);
+            ASSERT_EQ(pinned.error(), "") << "the build folder's file system must support the immutable flag";
+            const RunResult result = log("message");
+            ASSERT_EQ(result.exitStatus, 0) << describe(result);
+            const auto console = consoleMessages(result.standardError);
+            // The log cannot take the error line either: it goes to the console.
+            EXPECT_EQ(countOf(console, errorLine(1558)), 1U) << describe(result);
+            EXPECT_EQ(countOf(console, kSetUpFailed), 1U) << describe(result);
+            EXPECT_TRUE(contains(console, "message")) << describe(result);
+        }
+        EXPECT_EQ(sandbox.readFile(kLog), full);
+        EXPECT_FALSE(sandbox.exists(kOldLog));
+    });
 }
 
 // One forced failure of the set-up: the error line it logs, whether that
@@ -498,23 +497,21 @@ TEST_F(LogFile, ALogWithoutASizeIsLoggedWithItsOwnCode)
 
 TEST_F(LogFile, AnUnreadableSizeWhoseLogCannotBeDeletedSendsTheProcessToTheConsole)
 {
-    useImmutableCapableHome();
-    if (HasFatalFailure()) {
-        return;
-    }
-    sandbox.makeDirectory(kLogFolder, 0700);
-    const std::string start = "2026-11-21 04:37:11 +0000: old contents\n";
-    sandbox.writeFile(kLog, start, 0700);
-    const ImmutableFile pinned(sandbox, kLog);
-    ASSERT_EQ(pinned.error(), "") << "the build folder's file system must support the immutable flag";
-    const RunResult result = log("message", {"-ForceError", "1953"});
-    ASSERT_EQ(result.exitStatus, 0) << describe(result);
-    const auto console = consoleMessages(result.standardError);
-    EXPECT_TRUE(contains(console, errorLine(1862))) << describe(result);
-    EXPECT_TRUE(contains(console, errorLine(1864))) << describe(result);
-    EXPECT_EQ(countOf(console, kSetUpFailed), 1U) << describe(result);
-    EXPECT_TRUE(contains(console, "message")) << describe(result);
-    EXPECT_EQ(sandbox.readFile(kLog), start);
+    inImmutableCapableHome([this] {
+        sandbox.makeDirectory(kLogFolder, 0700);
+        const std::string start = "2026-11-21 04:37:11 +0000: old contents\n";
+        sandbox.writeFile(kLog, start, 0700);
+        const ImmutableFile pinned(sandbox, kLog);
+        ASSERT_EQ(pinned.error(), "") << "the build folder's file system must support the immutable flag";
+        const RunResult result = log("message", {"-ForceError", "1953"});
+        ASSERT_EQ(result.exitStatus, 0) << describe(result);
+        const auto console = consoleMessages(result.standardError);
+        EXPECT_TRUE(contains(console, errorLine(1862))) << describe(result);
+        EXPECT_TRUE(contains(console, errorLine(1864))) << describe(result);
+        EXPECT_EQ(countOf(console, kSetUpFailed), 1U) << describe(result);
+        EXPECT_TRUE(contains(console, "message")) << describe(result);
+        EXPECT_EQ(sandbox.readFile(kLog), start);
+    });
 }
 
 // Failures before the path is known ------------------------------------------

@@ -7,7 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "tests/support/RemoverFixture.h"
@@ -41,9 +43,11 @@ std::string fromHex(const std::string& hex)
     return bytes;
 }
 
-class RemovalGuardTest : public testing::TestWithParam<Layout> {
+// A sandbox of one layout with the default application installed, and the
+// checks of a run over an install log.
+class RemovalGuardFixture : public testing::Test {
 protected:
-    RemovalGuardTest() : sandbox(GetParam()) {}
+    explicit RemovalGuardFixture(Layout layout) : sandbox(layout) {}
 
     void SetUp() override { installApp(sandbox, kDefaultApp); }
 
@@ -95,30 +99,85 @@ protected:
     Sandbox sandbox;
 };
 
-TEST_P(RemovalGuardTest, RootFolderIsRefused)
+class RemovalGuardTest : public RemovalGuardFixture, public testing::WithParamInterface<Layout> {
+protected:
+    RemovalGuardTest() : RemovalGuardFixture(GetParam()) {}
+};
+
+// A listed folder the guard refuses: what the test puts inside it, the line
+// of the install log, the path the report names and the reason the console
+// gives. Everything put inside must still be there after the run.
+struct RefusedFolder {
+    const char* name;  // the behaviour, as the test's name
+    std::vector<std::string> inside;
+    const char* listed;
+    const char* reported;
+    const char* reason;
+    enum class Extra { None, LinkToRootInLibrary, BundleCopy } extra = Extra::None;
+};
+
+void PrintTo(const RefusedFolder& folder, std::ostream* out)
 {
-    sandbox.writeFile("/Library/Keep/file", "x");
-    sandbox.writeFile("~/Documents/letter", "x");
-    const RunResult result = runWithLog("/\n");
-    expectRefused(result, "/", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("/Library/Keep/file"));
-    EXPECT_TRUE(sandbox.exists("~/Documents/letter"));
+    *out << folder.name;
 }
 
-TEST_P(RemovalGuardTest, LibraryIsRefused)
-{
-    sandbox.writeFile("/Library/Keep/file", "x");
-    const RunResult result = runWithLog("/Library\n");
-    expectRefused(result, "/Library", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("/Library/Keep/file"));
-}
+const RefusedFolder kRefusedFolders[] = {
+    {"RootFolderIsRefused", {"/Library/Keep/file", "~/Documents/letter"}, "/", "/", kSystemFolder},
+    {"LibraryIsRefused", {"/Library/Keep/file"}, "/Library", "/Library", kSystemFolder},
+    {"ApplicationsIsRefused", {"/Applications/Other.app/file"}, "/Applications", "/Applications", kSystemFolder},
+    // /root is a system folder too, which is the reason given first.
+    {"HomeFolderByTildeIsRefused", {"~/Documents/letter"}, "~", "/root", kSystemFolder},
+    {"RootsHomeFolderIsRefused", {"~/Documents/letter"}, "/root", "/root", kSystemFolder},
+    {"HomeLibraryIsRefused", {"~/Library/Keep/file"}, "~/Library", "/root/Library", kHomeStandardFolder},
+    {"HomeLaunchAgentsIsRefused",
+     {"~/Library/LaunchAgents/other.plist"},
+     "~/Library/LaunchAgents",
+     "/root/Library/LaunchAgents",
+     kHomeStandardFolder},
+    {"ApplicationsThroughDotDotIsRefused",
+     {"/Applications/Other.app/file"},
+     "/Library/../Applications",
+     "/Library/../Applications",
+     kSystemFolder},
+    {"ApplicationsThroughALinkToRootIsRefused",
+     {"/Applications/Other.app/file"},
+     "/Library/RootLink/Applications",
+     "/Library/RootLink/Applications",
+     kSystemFolder,
+     RefusedFolder::Extra::LinkToRootInLibrary},
+    // The bundle is the sandbox's copy, with the remover in it.
+    {"RunningProgramsBundleIsRefused",
+     {Sandbox::kRemoverPath},
+     Sandbox::kBundlePath,
+     Sandbox::kBundlePath,
+     kRunningBundle,
+     RefusedFolder::Extra::BundleCopy},
+};
 
-TEST_P(RemovalGuardTest, ApplicationsIsRefused)
+class RefusedFolderTest : public RemovalGuardFixture,
+                          public testing::WithParamInterface<std::tuple<RefusedFolder, Layout>> {
+protected:
+    RefusedFolderTest() : RemovalGuardFixture(std::get<1>(GetParam())) {}
+};
+
+TEST_P(RefusedFolderTest, IsReportedAsNotRemovedAndKeepsEverythingInIt)
 {
-    sandbox.writeFile("/Applications/Other.app/file", "x");
-    const RunResult result = runWithLog("/Applications\n");
-    expectRefused(result, "/Applications", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("/Applications/Other.app/file"));
+    const RefusedFolder& folder = std::get<0>(GetParam());
+    if (folder.extra == RefusedFolder::Extra::BundleCopy) {
+        sandbox.useBundleCopy();
+    } else {
+        for (const std::string& path : folder.inside) {
+            sandbox.writeFile(path, "x");
+        }
+    }
+    if (folder.extra == RefusedFolder::Extra::LinkToRootInLibrary) {
+        sandbox.makeSymlink("/Library/RootLink", "/");
+    }
+    const RunResult result = runWithLog(std::string(folder.listed) + "\n");
+    expectRefused(result, folder.reported, folder.reason);
+    for (const std::string& path : folder.inside) {
+        EXPECT_TRUE(sandbox.exists(path)) << path;
+    }
 }
 
 TEST_P(RemovalGuardTest, TmpIsRefused)
@@ -145,56 +204,6 @@ TEST_P(RemovalGuardTest, SrvIsRefused)
     EXPECT_TRUE(topLevelFileKept("/srv"));
 }
 
-TEST_P(RemovalGuardTest, HomeFolderByTildeIsRefused)
-{
-    sandbox.writeFile("~/Documents/letter", "x");
-    const RunResult result = runWithLog("~\n");
-    // /root is a system folder too, which is the reason given first.
-    expectRefused(result, "/root", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("~/Documents/letter"));
-}
-
-TEST_P(RemovalGuardTest, RootsHomeFolderIsRefused)
-{
-    sandbox.writeFile("~/Documents/letter", "x");
-    const RunResult result = runWithLog("/root\n");
-    expectRefused(result, "/root", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("~/Documents/letter"));
-}
-
-TEST_P(RemovalGuardTest, HomeLibraryIsRefused)
-{
-    sandbox.writeFile("~/Library/Keep/file", "x");
-    const RunResult result = runWithLog("~/Library\n");
-    expectRefused(result, "/root/Library", kHomeStandardFolder);
-    EXPECT_TRUE(sandbox.exists("~/Library/Keep/file"));
-}
-
-TEST_P(RemovalGuardTest, HomeLaunchAgentsIsRefused)
-{
-    sandbox.writeFile("~/Library/LaunchAgents/other.plist", "x");
-    const RunResult result = runWithLog("~/Library/LaunchAgents\n");
-    expectRefused(result, "/root/Library/LaunchAgents", kHomeStandardFolder);
-    EXPECT_TRUE(sandbox.exists("~/Library/LaunchAgents/other.plist"));
-}
-
-TEST_P(RemovalGuardTest, ApplicationsThroughDotDotIsRefused)
-{
-    sandbox.writeFile("/Applications/Other.app/file", "x");
-    const RunResult result = runWithLog("/Library/../Applications\n");
-    expectRefused(result, "/Library/../Applications", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("/Applications/Other.app/file"));
-}
-
-TEST_P(RemovalGuardTest, ApplicationsThroughALinkToRootIsRefused)
-{
-    sandbox.writeFile("/Applications/Other.app/file", "x");
-    sandbox.makeSymlink("/Library/RootLink", "/");
-    const RunResult result = runWithLog("/Library/RootLink/Applications\n");
-    expectRefused(result, "/Library/RootLink/Applications", kSystemFolder);
-    EXPECT_TRUE(sandbox.exists("/Applications/Other.app/file"));
-}
-
 TEST_P(RemovalGuardTest, SystemAccountsHomeByTildeIsRefused)
 {
     // "~bin" is the home of the account bin, /bin, which holds launchctl.
@@ -214,14 +223,6 @@ TEST_P(RemovalGuardTest, ReadOnlyUsrIsRefusedBeforeAnyWalk)
     EXPECT_EQ(result.standardError.find("more)"), std::string::npos) << describe(result);
     const RunResult sh = sandbox.runProgram("/usr/bin/test", {"-x", "/usr/bin/sh"});
     EXPECT_EQ(sh.exitStatus, 0) << describe(sh);
-}
-
-TEST_P(RemovalGuardTest, RunningProgramsBundleIsRefused)
-{
-    sandbox.useBundleCopy();
-    const RunResult result = runWithLog(std::string(Sandbox::kBundlePath) + "\n");
-    expectRefused(result, Sandbox::kBundlePath, kRunningBundle);
-    EXPECT_TRUE(sandbox.exists(Sandbox::kRemoverPath));
 }
 
 TEST_P(RemovalGuardTest, OrdinaryEntriesInsideProtectedFoldersStillGo)
@@ -333,5 +334,15 @@ TEST_P(RemovalGuardTest, AgentSweepRemovesNoPlistThroughALinkedSubFolder)
 
 INSTANTIATE_TEST_SUITE_P(RemovalGuard, RemovalGuardTest, testing::Values(Layout::SeparateMounts, Layout::SingleDisk),
                          [](const testing::TestParamInfo<Layout>& info) { return layoutName(info.param); });
+
+// Named after the case and the layout, such as
+// RootFolderIsRefused_SeparateMounts.
+INSTANTIATE_TEST_SUITE_P(RemovalGuard, RefusedFolderTest,
+                         testing::Combine(testing::ValuesIn(kRefusedFolders),
+                                          testing::Values(Layout::SeparateMounts, Layout::SingleDisk)),
+                         [](const testing::TestParamInfo<std::tuple<RefusedFolder, Layout>>& info) {
+                             return std::string(std::get<0>(info.param).name) + "_" +
+                                    layoutName(std::get<1>(info.param));
+                         });
 
 }  // namespace

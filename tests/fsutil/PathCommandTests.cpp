@@ -11,10 +11,10 @@
 #include "tests/support/FileModes.h"
 #include "tests/support/Sandbox.h"
 
+namespace {
+
 using testsupport::RunResult;
 using testsupport::Sandbox;
-
-namespace {
 
 constexpr testsupport::User kNobody{65534, 65534};
 constexpr testsupport::User kDaemon{1, 1};
@@ -63,8 +63,6 @@ void expectUsage(const RunResult& result, const std::string& usage)
     EXPECT_EQ(result.standardOutput, "");
     EXPECT_NE(result.standardError.find("usage: qelutil " + usage), std::string::npos) << result.standardError;
 }
-
-}  // namespace
 
 // Command lines ------------------------------------------------------------------
 
@@ -389,3 +387,5 @@ TEST_F(PathCommand, PathOkRefusesALinkAndAMissingPath)
     EXPECT_EQ(modeOf("/Library/safe"), 0777U);
     EXPECT_EQ(qelutil({"path-ok", "/Library/missing"}).standardOutput, "NO\n");
 }
+
+}  // namespace

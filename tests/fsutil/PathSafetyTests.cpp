@@ -13,11 +13,10 @@
 #include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
-using testsupport::TempDir;
-
 namespace {
 
 using testsupport::modeOf;
+using testsupport::TempDir;
 
 constexpr uid_t kOtherUser = 65534;  // nobody
 
@@ -43,8 +42,6 @@ protected:
 
     TempDir dir;
 };
-
-}  // namespace
 
 TEST_F(PathSafety, ADirectoryOfTheUserWithMode0777Becomes0755AndIsAccepted)
 {
@@ -155,3 +152,5 @@ TEST_F(PathSafety, DesiredDirectoryAndFileAttributesAreBothMode0700)
     EXPECT_EQ(platform::numberForKey(directory, platform::kFilePosixPermissions), 0700U);
     EXPECT_EQ(platform::numberForKey(file, platform::kFilePosixPermissions), 0700U);
 }
+
+}  // namespace

@@ -20,10 +20,10 @@
 #include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
+namespace {
+
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 using testsupport::modeOf;
 
@@ -111,8 +111,6 @@ protected:
     TempDir dir;
     ConsoleMessages console;
 };
-
-}  // namespace
 
 // Deleting ---------------------------------------------------------------------
 
@@ -501,3 +499,5 @@ TEST_F(QELUPathTest, CreatingWhatAlreadyExistsAnswersYesAndCreatesNothing)
     EXPECT_TRUE(QELUCreateDirectoryAndIntermediates(dir.at("base/a/b"), dir.at("base"), 0));
     EXPECT_EQ(console.count(), 0U);
 }
+
+}  // namespace

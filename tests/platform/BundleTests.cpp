@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <optional>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include "platform/PropertyList.h"
 #include "platform/ProtectedFolders.h"
 #include "platform/RemovalRefusal.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/RunCopyOfSelf.h"
 #include "tests/support/TempDir.h"
@@ -250,10 +250,7 @@ TEST(BundleWithoutProc, TheMainBundleIsFoundAndProtectedWithoutProc)
     // Not in an X.app: the bundle is the executable's folder.
     const std::string expected = std::filesystem::path(testsupport::runningExecutable()).parent_path().string();
     const int status = testsupport::runInChild(
-        [] {
-            return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                   ::umount2("/proc", MNT_DETACH) == 0;
-        },
+        [] { return testsupport::enterPrivateMountNamespace() && ::umount2("/proc", MNT_DETACH) == 0; },
         [&expected] {
             char buffer[16];
             if (::readlink("/proc/self/exe", buffer, sizeof buffer) >= 0) {

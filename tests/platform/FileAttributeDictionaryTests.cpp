@@ -20,13 +20,13 @@
 #include "tests/support/FileModes.h"
 #include "tests/support/TempDir.h"
 
+namespace {
+
 using platform::FileAttributeDictionary;
 using platform::FileAttributeValue;
 using platform::FileManager;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
 
 using testsupport::modeOf;
 using testsupport::ScopedUmask;
@@ -43,8 +43,6 @@ FileAttributeDictionary permissions(uint64_t mode)
 {
     return {{platform::kFilePosixPermissions, FileAttributeValue(mode)}};
 }
-
-}  // namespace
 
 TEST(FileAttributeDictionary, AFileHasEachAttributeAsAValueOfItsKind)
 {
@@ -222,3 +220,5 @@ TEST(UserSearchPath, AUserWithoutAPasswordEntryHasNoLibraryFolder)
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
+
+}  // namespace

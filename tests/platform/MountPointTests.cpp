@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,43 +10,15 @@
 #include <vector>
 
 #include "tests/support/Descriptor.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/TempDir.h"
+
+namespace {
 
 using platform::MountPoint;
 using testsupport::makeDirectories;
 using testsupport::TempDir;
 using testsupport::writeFile;
-
-namespace {
-
-// Mounts made by a test, undone (detached) at its end, last first.
-class Mounts {
-public:
-    Mounts() = default;
-    Mounts(const Mounts&) = delete;
-    Mounts& operator=(const Mounts&) = delete;
-    ~Mounts()
-    {
-        for (auto it = thePaths.rbegin(); it != thePaths.rend(); ++it) {
-            ::umount2(it->c_str(), MNT_DETACH);
-        }
-    }
-    void add(const std::string& path) { thePaths.push_back(path); }
-
-private:
-    std::vector<std::string> thePaths;
-};
-
-// Mounts happen in a mount namespace of the test process's own, so nothing
-// outside it ever sees them.
-void enterPrivateMountNamespace()
-{
-    ASSERT_EQ(::geteuid(), 0U) << "mounting needs root";
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-}
-
-}  // namespace
 
 TEST(MountPoint, AnOrdinarySubFolderIsNoMountRoot)
 {
@@ -83,47 +54,49 @@ TEST(MountPoint, ALinkToAMountIsNoMountRoot)
     EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "to-root"), std::optional<bool>(false));
 }
 
+// The mounts are made in a child in a private mount namespace, so nothing
+// outside it ever sees them and they go away with it.
 TEST(MountPoint, AnotherFileSystemMountedInsideIsAMountRoot)
 {
-    enterPrivateMountNamespace();
     TempDir dir;
     makeDirectories(dir.at("mnt"));
-    Mounts mounts;
-    ASSERT_EQ(::mount("tmpfs", dir.at("mnt").c_str(), "tmpfs", 0, "size=1m"), 0);
-    mounts.add(dir.at("mnt"));
-    writeFile(dir.at("mnt/inside/file"), "x");
+    testsupport::expectInPrivateMountNamespace([&dir] {
+        ASSERT_EQ(::mount("tmpfs", dir.at("mnt").c_str(), "tmpfs", 0, "size=1m"), 0);
+        writeFile(dir.at("mnt/inside/file"), "x");
 
-    const testsupport::Descriptor folder = testsupport::openFolder(dir.path());
-    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "mnt"), std::optional<bool>(true));
-    EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt")), std::optional<bool>(true));
-    EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt/inside")), std::optional<bool>(false));
-    EXPECT_NE(MountPoint::mountIdAt(folder.get(), "mnt"), MountPoint::mountIdOf(folder.get()));
+        const testsupport::Descriptor folder = testsupport::openFolder(dir.path());
+        EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "mnt"), std::optional<bool>(true));
+        EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt")), std::optional<bool>(true));
+        EXPECT_EQ(MountPoint::isMountRoot(dir.at("mnt/inside")), std::optional<bool>(false));
+        EXPECT_NE(MountPoint::mountIdAt(folder.get(), "mnt"), MountPoint::mountIdOf(folder.get()));
+    });
 }
 
 TEST(MountPoint, ABindMountOfTheSameDiskIsAMountRootThoughItsDeviceIsTheSame)
 {
-    enterPrivateMountNamespace();
     TempDir dir;
     writeFile(dir.at("source/file"), "kept");
     makeDirectories(dir.at("listed/bound"));
     makeDirectories(dir.at("listed/plain"));
-    Mounts mounts;
-    ASSERT_EQ(::mount(dir.at("source").c_str(), dir.at("listed/bound").c_str(), nullptr, MS_BIND, nullptr), 0);
-    mounts.add(dir.at("listed/bound"));
+    testsupport::expectInPrivateMountNamespace([&dir] {
+        ASSERT_EQ(::mount(dir.at("source").c_str(), dir.at("listed/bound").c_str(), nullptr, MS_BIND, nullptr), 0);
 
-    // The device number alone cannot tell it from an ordinary folder.
-    struct stat bound {};
-    struct stat listed {};
-    ASSERT_EQ(::stat(dir.at("listed/bound").c_str(), &bound), 0);
-    ASSERT_EQ(::stat(dir.at("listed").c_str(), &listed), 0);
-    EXPECT_EQ(bound.st_dev, listed.st_dev);
+        // The device number alone cannot tell it from an ordinary folder.
+        struct stat bound {};
+        struct stat listed {};
+        ASSERT_EQ(::stat(dir.at("listed/bound").c_str(), &bound), 0);
+        ASSERT_EQ(::stat(dir.at("listed").c_str(), &listed), 0);
+        EXPECT_EQ(bound.st_dev, listed.st_dev);
 
-    const testsupport::Descriptor folder = testsupport::openFolder(dir.at("listed"));
-    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "bound"), std::optional<bool>(true));
-    EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "plain"), std::optional<bool>(false));
-    EXPECT_EQ(MountPoint::isMountRoot(dir.at("listed/bound")), std::optional<bool>(true));
-    EXPECT_NE(MountPoint::mountIdAt(folder.get(), "bound"), MountPoint::mountIdOf(folder.get()));
-    const testsupport::Descriptor inside = testsupport::openFolder(dir.at("listed/bound"));
-    EXPECT_EQ(MountPoint::mountIdOf(inside.get()), MountPoint::mountIdAt(folder.get(), "bound"));
-    EXPECT_EQ(MountPoint::isMountRoot(inside.get(), "file"), std::optional<bool>(false));
+        const testsupport::Descriptor folder = testsupport::openFolder(dir.at("listed"));
+        EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "bound"), std::optional<bool>(true));
+        EXPECT_EQ(MountPoint::isMountRoot(folder.get(), "plain"), std::optional<bool>(false));
+        EXPECT_EQ(MountPoint::isMountRoot(dir.at("listed/bound")), std::optional<bool>(true));
+        EXPECT_NE(MountPoint::mountIdAt(folder.get(), "bound"), MountPoint::mountIdOf(folder.get()));
+        const testsupport::Descriptor inside = testsupport::openFolder(dir.at("listed/bound"));
+        EXPECT_EQ(MountPoint::mountIdOf(inside.get()), MountPoint::mountIdAt(folder.get(), "bound"));
+        EXPECT_EQ(MountPoint::isMountRoot(inside.get(), "file"), std::optional<bool>(false));
+    });
 }
+
+}  // namespace

@@ -1,13 +1,13 @@
 #include "platform/MountTable.h"
 
 #include "platform/MountPoint.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -292,36 +292,33 @@ TEST(MountTableOfThisProcess, AMountMadeHereIsListedWithItsDecodedFolderAndOptio
     makeDirectories(folder);
     // The mount is made in a child of a private mount namespace, so nothing
     // outside it ever sees it.
-    const int status = testsupport::runInChild(
-        [] { return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0; },
-        [&folder] {
-            if (::mount("tmpfs", folder.c_str(), "tmpfs", MS_RDONLY | MS_NOEXEC, "size=64k") != 0) {
-                return 101;
-            }
-            const std::vector<MountEntry> entries = MountTable::ofThisProcess();
-            const auto made = std::find_if(entries.begin(), entries.end(),
-                                           [&folder](const MountEntry& entry) { return entry.mountPoint == folder; });
-            if (made == entries.end()) {
-                return 1;
-            }
-            if (made->fileSystemType != "tmpfs" || made->root != "/") {
-                return 2;
-            }
-            // The device as "major:minor", as stat tells it for the folder.
-            struct stat status {};
-            if (::stat(folder.c_str(), &status) != 0 ||
-                made->device != std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev))) {
-                return 5;
-            }
-            if (!made->isReadOnly() || !made->hasMountOption("noexec") || made->hasMountOption("exec")) {
-                return 3;
-            }
-            // What it is mounted on is listed before it.
-            const auto parent = std::find_if(entries.begin(), entries.end(), [&made](const MountEntry& entry) {
-                return entry.mountId == made->parentId;
-            });
-            return parent != entries.end() && parent < made ? 0 : 4;
-        });
+    const int status = testsupport::runInPrivateMountNamespace([&folder] {
+        if (::mount("tmpfs", folder.c_str(), "tmpfs", MS_RDONLY | MS_NOEXEC, "size=64k") != 0) {
+            return 101;
+        }
+        const std::vector<MountEntry> entries = MountTable::ofThisProcess();
+        const auto made = std::find_if(entries.begin(), entries.end(),
+                                       [&folder](const MountEntry& entry) { return entry.mountPoint == folder; });
+        if (made == entries.end()) {
+            return 1;
+        }
+        if (made->fileSystemType != "tmpfs" || made->root != "/") {
+            return 2;
+        }
+        // The device as "major:minor", as stat tells it for the folder.
+        struct stat status {};
+        if (::stat(folder.c_str(), &status) != 0 ||
+            made->device != std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev))) {
+            return 5;
+        }
+        if (!made->isReadOnly() || !made->hasMountOption("noexec") || made->hasMountOption("exec")) {
+            return 3;
+        }
+        // What it is mounted on is listed before it.
+        const auto parent = std::find_if(entries.begin(), entries.end(),
+                                         [&made](const MountEntry& entry) { return entry.mountId == made->parentId; });
+        return parent != entries.end() && parent < made ? 0 : 4;
+    });
     EXPECT_EQ(status, 0);
 }
 

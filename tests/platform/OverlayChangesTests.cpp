@@ -2,6 +2,7 @@
 
 #include "tests/support/OverlayChangePrinter.h"
 #include "tests/support/FileModes.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/DeepTree.h"
 #include "tests/support/Descriptor.h"
@@ -10,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -134,8 +134,7 @@ protected:
         std::fflush(stdout);
         const int status = testsupport::runInChild(
             [&layers] {
-                return ::unshare(CLONE_NEWNS) == 0 &&
-                       ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                return testsupport::enterPrivateMountNamespace() &&
                        ::mount("tmpfs", layers.c_str(), "tmpfs", 0, "size=16m") == 0;
             },
             [this, &check] {
@@ -509,7 +508,7 @@ int runOverPrivateTmpfs(const std::string& folder, const std::function<int()>& b
 {
     return testsupport::runInChild(
         [&folder] {
-            return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+            return testsupport::enterPrivateMountNamespace() &&
                    ::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64m") == 0;
         },
         body);

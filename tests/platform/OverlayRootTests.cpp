@@ -5,6 +5,7 @@
 #include "platform/OverlayChanges.h"
 #include "platform/Task.h"
 #include "tests/support/OverlayChangePrinter.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -12,7 +13,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -40,6 +40,9 @@ using platform::MountTable;
 using platform::OverlayChange;
 using platform::OverlayChanges;
 using platform::OverlayRoot;
+// Mounts made before enter() are made in the child's own mount namespace,
+// so nothing outside it ever sees them.
+using testsupport::enterPrivateMountNamespace;
 using testsupport::makeDirectories;
 using testsupport::present;
 using testsupport::readFile;
@@ -75,13 +78,6 @@ int runInsideOverlayRoot(
         std::fflush(stdout);
         return ::testing::Test::HasFailure() ? 1 : 0;
     });
-}
-
-// The child's own mount namespace, for mounts made before enter(): nothing
-// outside it ever sees them.
-bool inPrivateMountNamespace()
-{
-    return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 bool bindMount(const std::string& source, const std::string& target)
@@ -329,7 +325,7 @@ TEST_F(OverlayRootTest, AWorkFolderThatIsAMountOfItsOwnIsMirroredLikeAnyOther)
                       (std::vector<OverlayChange>{{Kind::Created, work + "/new", Type::File, 0}}));
         },
         [&work] {
-            if (!inPrivateMountNamespace() || ::mount("tmpfs", work.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            if (!enterPrivateMountNamespace() || ::mount("tmpfs", work.c_str(), "tmpfs", 0, "size=64k") != 0) {
                 return false;
             }
             writeFile(work + "/on-the-mount", "x");
@@ -420,7 +416,7 @@ TEST_F(OverlayRootTest, ASameDiskBindMountIsStillAMountOfItsOwnButReadOnlyAndLis
             EXPECT_EQ(changesInside(*disk, dir),
                       (std::vector<OverlayChange>{{Kind::Created, dir + "/source/new", Type::File, 0}}));
         },
-        [&dir] { return inPrivateMountNamespace() && bindMount(dir + "/source", dir + "/listed/bound"); });
+        [&dir] { return enterPrivateMountNamespace() && bindMount(dir + "/source", dir + "/listed/bound"); });
     EXPECT_EQ(status, 0);
     EXPECT_FALSE(present(theDir.at("source/new")));
     // The bind mount was the child's alone.
@@ -451,7 +447,7 @@ TEST_F(OverlayRootTest, AnotherDiskMountedInsideGetsALayerOfItsOwn)
             EXPECT_EQ(changesInside(*around, dir), std::vector<OverlayChange>{});
         },
         [&mounted] {
-            if (!inPrivateMountNamespace() || ::mount("tmpfs", mounted.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            if (!enterPrivateMountNamespace() || ::mount("tmpfs", mounted.c_str(), "tmpfs", 0, "size=64k") != 0) {
                 return false;
             }
             writeFile(mounted + "/file", "kept");
@@ -492,7 +488,7 @@ TEST_F(OverlayRootTest, BindMountsOfSeparateFoldersOfOneDiskAreEachOverlaid)
         },
         [&dir] {
             const std::string disk = dir + "/disk";
-            if (!inPrivateMountNamespace() || ::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            if (!enterPrivateMountNamespace() || ::mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k") != 0) {
                 return false;
             }
             writeFile(disk + "/a/deeper/file", "deep");
@@ -520,7 +516,7 @@ TEST_F(OverlayRootTest, AReadOnlyBindMountStaysReadOnlyAndIsNotListed)
             EXPECT_EQ(layerAt(root, readOnly), nullptr);
         },
         [&dir] {
-            return inPrivateMountNamespace() && bindMount(dir + "/source", dir + "/readonly") &&
+            return enterPrivateMountNamespace() && bindMount(dir + "/source", dir + "/readonly") &&
                    ::mount(nullptr, (dir + "/readonly").c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) ==
                        0;
         });
@@ -566,7 +562,7 @@ TEST_F(OverlayRootTest, AKernelInterfaceInsideAListedOneIsReadOnlyButNotListedAg
             }
         },
         [&dir] {
-            return inPrivateMountNamespace() &&
+            return enterPrivateMountNamespace() &&
                    ::mount("proc", (dir + "/kernel").c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0 &&
                    ::mount("proc", (dir + "/kernel/sys").c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) ==
                        0;
@@ -600,7 +596,7 @@ TEST_F(OverlayRootTest, AMountTheOverlayRefusesIsReadOnlyAndListedWithTheRefusal
         [&dir] {
             const std::string first = "lowerdir=" + dir + "/l1,upperdir=" + dir + "/u1,workdir=" + dir + "/w1";
             const std::string second = "lowerdir=" + dir + "/o1,upperdir=" + dir + "/u2,workdir=" + dir + "/w2";
-            return inPrivateMountNamespace() &&
+            return enterPrivateMountNamespace() &&
                    ::mount("overlay", (dir + "/o1").c_str(), "overlay", 0, first.c_str()) == 0 &&
                    ::mount("overlay", (dir + "/o2").c_str(), "overlay", 0, second.c_str()) == 0;
         });
@@ -623,7 +619,7 @@ TEST_F(OverlayRootTest, AWritableFileBindMountIsReadOnlyInsideAndListed)
             ASSERT_NE(listed, nullptr);
             EXPECT_FALSE(listed->reason.empty());
         },
-        [&dir] { return inPrivateMountNamespace() && bindMount(dir + "/source", dir + "/target"); });
+        [&dir] { return enterPrivateMountNamespace() && bindMount(dir + "/source", dir + "/target"); });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(readFile(theDir.at("target")), "covered");
 }
@@ -640,7 +636,7 @@ TEST_F(OverlayRootTest, ADeviceBoundOverAFileStillOpensAndIsNotListed)
             EXPECT_EQ(errorOfOpeningToWrite(dir + "/null"), 0);
             EXPECT_EQ(readOnlyMountAt(root, dir + "/null"), nullptr);
         },
-        [&dir] { return inPrivateMountNamespace() && bindMount("/dev/null", dir + "/null"); });
+        [&dir] { return enterPrivateMountNamespace() && bindMount("/dev/null", dir + "/null"); });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(readFile(theDir.at("null")), "covered");
 }
@@ -661,7 +657,7 @@ TEST_F(OverlayRootTest, TheDeviceFileSystemIsAKernelInterfaceAndItsNodesStillOpe
             EXPECT_EQ(errorOfOpeningToWrite(dir + "/devices/made-inside"), EROFS);
         },
         [&dir] {
-            return inPrivateMountNamespace() &&
+            return enterPrivateMountNamespace() &&
                    ::mount("devtmpfs", (dir + "/devices").c_str(), "devtmpfs", MS_NOSUID, nullptr) == 0;
         });
     EXPECT_EQ(status, 0);
@@ -698,7 +694,7 @@ TEST_F(OverlayRootTest, AMountCoveredByAnotherOnTheSameFolderIsLeftOut)
         },
         [&dir] {
             const std::string stack = dir + "/stack";
-            if (!inPrivateMountNamespace() || ::mount("tmpfs", stack.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            if (!enterPrivateMountNamespace() || ::mount("tmpfs", stack.c_str(), "tmpfs", 0, "size=64k") != 0) {
                 return false;
             }
             writeFile(stack + "/covered", "x");
@@ -730,7 +726,7 @@ TEST_F(OverlayRootTest, AnOverlayKeepsTheNoexecAndNosuidOfTheMountItStandsForAnd
         },
         [&dir] {
             const std::string folder = dir + "/noexec";
-            if (!inPrivateMountNamespace() ||
+            if (!enterPrivateMountNamespace() ||
                 ::mount("tmpfs", folder.c_str(), "tmpfs", MS_NOEXEC | MS_NOSUID, "size=64k") != 0) {
                 return false;
             }
@@ -868,7 +864,7 @@ TEST_F(OverlayRootTest, PlaceStandInBindsOverATargetWhoseViewIsReadOnly)
             EXPECT_EQ(root.standInsLeftAsPlaced(), std::vector<std::string>{});
         },
         [&dir] {
-            return inPrivateMountNamespace() && bindMount(dir + "/source", dir + "/readonly") &&
+            return enterPrivateMountNamespace() && bindMount(dir + "/source", dir + "/readonly") &&
                    ::mount(nullptr, (dir + "/readonly").c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) ==
                        0;
         });

@@ -303,8 +303,6 @@ TEST(PropertyListTest, BinaryStringHoldingANULCharacterIsDamaged)
     EXPECT_FALSE(PropertyList::fromBytes(bytes).has_value());
 }
 
-namespace {
-
 // The bytes written as hexadecimal digits.
 std::string fromHex(std::string_view hex)
 {
@@ -324,8 +322,6 @@ constexpr std::string_view kKeyWithNULAndWideLength =
 constexpr std::string_view kKeyWithNULAndWideOffsets =
     "62706c6973743030d1010262006100005178000000000000000000000000000000080000000000000000000000000000000b000000000000"
     "000000000000000000100000000000001001000000000000000300000000000000000000000000000012";
-
-}  // namespace
 
 TEST(PropertyListTest, KeyHoldingNULWithAWideLengthIsDamaged)
 {

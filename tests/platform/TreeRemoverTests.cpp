@@ -5,6 +5,7 @@
 
 #include "tests/support/DeepTree.h"
 #include "tests/support/FileModes.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -16,7 +17,6 @@
 #include <fcntl.h>
 #include <functional>
 #include <linux/fs.h>
-#include <sched.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/ioctl.h>
@@ -309,15 +309,6 @@ struct Failures {
     }
 };
 
-// Runs `body` in a child with a mount namespace of its own; its result is
-// the exit status, 125 when the namespace could not be made.
-int runInOwnMountNamespace(const std::function<int()>& body)
-{
-    return testsupport::runInChild(
-        [] { return ::unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0; },
-        body);
-}
-
 void giveToUnprivilegedUser(const std::string& path)
 {
     ASSERT_EQ(::chown(path.c_str(), testsupport::kUnprivilegedUser, testsupport::kUnprivilegedGroup), 0);
@@ -428,7 +419,7 @@ TEST(TreeRemoverReasons, MountPointIsBusyAndAReadOnlyFileSystemSaysSo)
     makeDirectories(dir.at("ro"));
     const std::string item = dir.at("item");
     const std::string readOnly = dir.at("ro");
-    const int status = runInOwnMountNamespace([&item, &readOnly] {
+    const int status = testsupport::runInPrivateMountNamespace([&item, &readOnly] {
         if (::mount("tmpfs", (item + "/mnt").c_str(), "tmpfs", 0, "size=1m") != 0 ||
             ::mount("tmpfs", readOnly.c_str(), "tmpfs", 0, "size=1m") != 0) {
             return 101;
@@ -584,7 +575,7 @@ TEST(TreeRemoverGuard, BindMountOfTheSameDiskInsideTheItemStaysAndTheItemItselfI
     makeDirectories(dir.at("item/deep/mnt"));
     makeDirectories(dir.at("bound"));
     const std::string& root = dir.path();
-    const int status = runInOwnMountNamespace([&root] {
+    const int status = testsupport::runInPrivateMountNamespace([&root] {
         if (::mount((root + "/source").c_str(), (root + "/item/deep/mnt").c_str(), nullptr, MS_BIND, nullptr) != 0 ||
             ::mount((root + "/source").c_str(), (root + "/bound").c_str(), nullptr, MS_BIND, nullptr) != 0) {
             return 101;

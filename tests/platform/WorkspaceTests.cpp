@@ -1,5 +1,6 @@
 #include "platform/Workspace.h"
 
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -8,7 +9,6 @@
 #include <fcntl.h>
 #include <functional>
 #include <optional>
-#include <sched.h>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -224,48 +224,32 @@ TEST(WorkspaceDestroy, RootItselfIsRefusedAndRootEntriesCanBeDestroyed)
 
 TEST(WorkspaceDestroy, MountPointInsideTheItemStaysAndMakesItFalse)
 {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "mounting needs root";
-    }
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        GTEST_SKIP() << "no private mount namespace here";
-    }
     TempDir dir;
     writeFile(dir.at("item/file"), "x");
     makeDirectories(dir.at("item/sub/mnt"));
     const std::string mountPoint = dir.at("item/sub/mnt");
-    ASSERT_EQ(::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=1m"), 0);
-    struct Unmount {
-        std::string path;
-        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmount{mountPoint};
-    writeFile(dir.at("item/sub/mnt/inside"), "inside");
+    testsupport::expectInPrivateMountNamespace([&dir, &mountPoint] {
+        ASSERT_EQ(::mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=1m"), 0);
+        writeFile(dir.at("item/sub/mnt/inside"), "inside");
 
-    EXPECT_FALSE(destroy(dir.path(), {"item"}));
-    EXPECT_EQ(readFile(dir.at("item/sub/mnt/inside")), "inside");
-    EXPECT_FALSE(present(dir.at("item/file")));
+        EXPECT_FALSE(destroy(dir.path(), {"item"}));
+        EXPECT_EQ(readFile(dir.at("item/sub/mnt/inside")), "inside");
+        EXPECT_FALSE(present(dir.at("item/file")));
+    });
 }
 
 TEST(WorkspaceDestroy, FileThatIsItselfAMountPointStaysAndMakesItFalse)
 {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "mounting needs root";
-    }
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        GTEST_SKIP() << "no private mount namespace here";
-    }
     TempDir dir;
     writeFile(dir.at("elsewhere"), "bound");
     writeFile(dir.at("item"), "under the mount");
     const std::string mountPoint = dir.at("item");
-    ASSERT_EQ(::mount(dir.at("elsewhere").c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr), 0);
-    struct Unmount {
-        std::string path;
-        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmount{mountPoint};
+    testsupport::expectInPrivateMountNamespace([&dir, &mountPoint] {
+        ASSERT_EQ(::mount(dir.at("elsewhere").c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr), 0);
 
-    EXPECT_FALSE(destroy(dir.path(), {"item"}));
-    EXPECT_EQ(readFile(dir.at("item")), "bound");
+        EXPECT_FALSE(destroy(dir.path(), {"item"}));
+        EXPECT_EQ(readFile(dir.at("item")), "bound");
+    });
 }
 
 TEST(WorkspaceDestroy, TagReceivesZero)
@@ -405,38 +389,34 @@ TEST(WorkspaceDestroyReasons, EmptyListIsAnInvalidArgumentAndSuccessClearsTheRea
 
 TEST(WorkspaceDestroy, BindMountOfTheSameDiskInsideTheItemKeepsItsSource)
 {
-    ASSERT_EQ(::unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     TempDir dir;
     writeFile(dir.at("source/one"), "1");
     writeFile(dir.at("source/sub/two"), "2");
     writeFile(dir.at("item/file"), "x");
     makeDirectories(dir.at("item/sub/mnt"));
     const std::string mountPoint = dir.at("item/sub/mnt");
-    ASSERT_EQ(::mount(dir.at("source").c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr), 0);
-    struct Unmount {
-        std::string path;
-        ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-    } unmount{mountPoint};
-    struct stat outside {};
-    struct stat inside {};
-    ASSERT_EQ(::stat(dir.at("item/sub").c_str(), &outside), 0);
-    ASSERT_EQ(::stat(mountPoint.c_str(), &inside), 0);
-    ASSERT_EQ(outside.st_dev, inside.st_dev);  // the device number cannot tell them apart
+    testsupport::expectInPrivateMountNamespace([&dir, &mountPoint] {
+        ASSERT_EQ(::mount(dir.at("source").c_str(), mountPoint.c_str(), nullptr, MS_BIND, nullptr), 0);
+        struct stat outside {};
+        struct stat inside {};
+        ASSERT_EQ(::stat(dir.at("item/sub").c_str(), &outside), 0);
+        ASSERT_EQ(::stat(mountPoint.c_str(), &inside), 0);
+        ASSERT_EQ(outside.st_dev, inside.st_dev);  // the device number cannot tell them apart
 
-    std::vector<std::pair<std::string, std::error_code>> failures;
-    std::error_code error;
-    EXPECT_FALSE(Workspace::sharedWorkspace().performFileOperation(
-        WorkspaceOperation::Destroy, dir.path(), std::nullopt, {"item", "item/sub/mnt"}, nullptr, &error,
-        [&failures](const std::string& path, std::error_code reason) { failures.emplace_back(path, reason); }));
-    EXPECT_EQ(error, std::errc::device_or_resource_busy);
-    ASSERT_EQ(failures.size(), 2U);
-    EXPECT_EQ(failures[0].first, mountPoint);
-    EXPECT_EQ(failures[0].second.message(), "a mount point");
-    EXPECT_EQ(failures[1].first, mountPoint);
-    EXPECT_EQ(readFile(dir.at("source/one")), "1");
-    EXPECT_EQ(readFile(dir.at("source/sub/two")), "2");
-    EXPECT_FALSE(present(dir.at("item/file")));
+        std::vector<std::pair<std::string, std::error_code>> failures;
+        std::error_code error;
+        EXPECT_FALSE(Workspace::sharedWorkspace().performFileOperation(
+            WorkspaceOperation::Destroy, dir.path(), std::nullopt, {"item", "item/sub/mnt"}, nullptr, &error,
+            [&failures](const std::string& path, std::error_code reason) { failures.emplace_back(path, reason); }));
+        EXPECT_EQ(error, std::errc::device_or_resource_busy);
+        ASSERT_EQ(failures.size(), 2U);
+        EXPECT_EQ(failures[0].first, mountPoint);
+        EXPECT_EQ(failures[0].second.message(), "a mount point");
+        EXPECT_EQ(failures[1].first, mountPoint);
+        EXPECT_EQ(readFile(dir.at("source/one")), "1");
+        EXPECT_EQ(readFile(dir.at("source/sub/two")), "2");
+        EXPECT_FALSE(present(dir.at("item/file")));
+    });
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 // test never meets the set-up's own checks. A test that needs the set-up
 // still to come runs again in a child that skips it (LogFile.h).
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -23,6 +22,7 @@
 #include "base/QELBase.h"
 #include "platform/User.h"
 #include "tests/support/LogFile.h"
+#include "tests/support/PrivateMountNamespace.h"
 #include "tests/support/Settings.h"
 
 namespace {
@@ -33,13 +33,15 @@ bool fail(const char* what)
     return false;
 }
 
+// The one place where a test process changes its own mount namespace: every
+// test of these suites runs the services in this process, and each logs
+// through the home folder, so the whole process (and every program it
+// starts) must see the private home from before the first test on. A mount
+// made in a child could not give it that view.
 bool mountPrivateHome(const std::string& home)
 {
-    if (::unshare(CLONE_NEWNS) != 0) {
-        return fail("unshare(CLONE_NEWNS) (the tests run as root)");
-    }
-    if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return fail("making the mounts private");
+    if (!testsupport::enterPrivateMountNamespace()) {
+        return fail("entering a private mount namespace (the tests run as root)");
     }
     if (::mount("tmpfs", home.c_str(), "tmpfs", 0, "mode=0700") != 0) {
         return fail("mounting a tmpfs over the home folder");

@@ -16,11 +16,11 @@ constexpr uid_t kUnprivilegedUser = 65534;
 constexpr gid_t kUnprivilegedGroup = 65534;
 
 // The exit status of a child that first runs `enter` (which sets the child
-// up: drops privileges, changes its root, unshares its mounts) and then
-// `body`, whose result is the status: 0 for a passing check. 125 when
-// `enter` failed, 126 when the body threw, -1 when the child did not end
-// normally. The child leaves at once (_exit): no destructor of the test
-// runs twice.
+// up: drops privileges, changes its root, enters a private mount namespace
+// as PrivateMountNamespace.h does) and then `body`, whose result is the
+// status: 0 for a passing check. 125 when `enter` failed, 126 when the body
+// threw, -1 when the child did not end normally. The child leaves at once
+// (_exit): no destructor of the test runs twice.
 inline int runInChild(const std::function<bool()>& enter, const std::function<int()>& body)
 {
     const pid_t pid = ::fork();
