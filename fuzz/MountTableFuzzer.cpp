@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "fuzz/FuzzInput.h"
-#include "platform/MountTable.h"
+#include "platform/preview/MountTable.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz/FuzzInput.h"
-#include "platform/InheritedJournal.h"
+#include "platform/preview/InheritedJournal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {

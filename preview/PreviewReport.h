@@ -32,9 +32,9 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/InheritedJournal.h"
-#include "platform/OverlayChanges.h"
-#include "platform/OverlayRoot.h"
+#include "platform/preview/InheritedJournal.h"
+#include "platform/preview/OverlayChanges.h"
+#include "platform/preview/OverlayRoot.h"
 
 struct PreviewReport {
     // The remover's command line after its program name.

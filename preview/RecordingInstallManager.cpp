@@ -8,7 +8,7 @@
 #include <string>
 
 #include "identities/ExternalTools.h"
-#include "platform/InheritedJournal.h"
+#include "platform/preview/InheritedJournal.h"
 
 extern "C" __attribute__((visibility("default"))) int32_t hov_uninstallCorvaneApplicationManager(int32_t* result)
 {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/InheritedJournal.h"
+#include "platform/preview/InheritedJournal.h"
 
 int main(int argc, char** argv)
 {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/InheritedJournal.h"
-#include "platform/OverlayChanges.h"
-#include "platform/OverlayRoot.h"
+#include "platform/preview/InheritedJournal.h"
+#include "platform/preview/OverlayChanges.h"
+#include "platform/preview/OverlayRoot.h"
 #include "tests/support/Subprocess.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <ostream>
 
-#include "platform/OverlayChanges.h"
+#include "platform/preview/OverlayChanges.h"
 
 namespace platform {
 

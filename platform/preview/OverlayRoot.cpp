@@ -1,4 +1,4 @@
-#include "platform/OverlayRoot.h"
+#include "platform/preview/OverlayRoot.h"
 
 #include <algorithm>
 #include <array>
@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 #include "platform/MountPoint.h"
-#include "platform/MountTable.h"
+#include "platform/preview/MountTable.h"
 
 namespace platform {
 

@@ -1,4 +1,4 @@
-#include "platform/OverlayChanges.h"
+#include "platform/preview/OverlayChanges.h"
 
 #include "tests/support/OverlayChangePrinter.h"
 #include "tests/support/FileModes.h"

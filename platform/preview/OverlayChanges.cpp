@@ -1,4 +1,4 @@
-#include "platform/OverlayChanges.h"
+#include "platform/preview/OverlayChanges.h"
 
 #include <fcntl.h>
 #include <optional>

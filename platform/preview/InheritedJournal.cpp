@@ -1,4 +1,4 @@
-#include "platform/InheritedJournal.h"
+#include "platform/preview/InheritedJournal.h"
 
 #include <charconv>
 #include <cstdlib>

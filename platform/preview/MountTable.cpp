@@ -1,4 +1,4 @@
-#include "platform/MountTable.h"
+#include "platform/preview/MountTable.h"
 
 #include <charconv>
 #include <fcntl.h>

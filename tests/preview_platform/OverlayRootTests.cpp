@@ -1,8 +1,8 @@
-#include "platform/OverlayRoot.h"
+#include "platform/preview/OverlayRoot.h"
 
 #include "platform/MountPoint.h"
-#include "platform/MountTable.h"
-#include "platform/OverlayChanges.h"
+#include "platform/preview/MountTable.h"
+#include "platform/preview/OverlayChanges.h"
 #include "platform/Task.h"
 #include "tests/support/OverlayChangePrinter.h"
 #include "tests/support/PrivateMountNamespace.h"
