@@ -85,10 +85,16 @@ std::optional<std::string> SystemTrees::treeHolding(const std::string& path, std
             return std::nullopt;
         }
     }
+    return treeHoldingFolder(folder.get(), error);
+}
+
+std::optional<std::string> SystemTrees::treeHoldingFolder(int folderFd, std::error_code* error) const
+{
+    error->clear();
     // Up to the root: the outermost tree names the place ("/usr" rather
     // than "/bin" for /usr/bin/tool where /bin leads to usr/bin).
     std::optional<std::string> holding;
-    *error = FolderAncestors::climb(folder.get(), [&](int /*folderFd*/, const struct stat& status) {
+    *error = FolderAncestors::climb(folderFd, [&](int /*folderFd*/, const struct stat& status) {
         if (const Tree* tree = treeWithIdentity(status.st_dev, status.st_ino)) {
             holding = tree->path;
         }

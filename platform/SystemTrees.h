@@ -46,6 +46,9 @@ public:
     // and the result is none: a caller must then treat the item as if it lay
     // in a tree.
     std::optional<std::string> treeHolding(const std::string& path, std::error_code* error) const;
+    // The same for the folder open at `folderFd` (any descriptor of a
+    // folder, O_PATH included): the tree that is this folder or holds it.
+    std::optional<std::string> treeHoldingFolder(int folderFd, std::error_code* error) const;
 
     // How many of the listed trees exist.
     std::size_t size() const noexcept { return theTrees.size(); }
