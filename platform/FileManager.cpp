@@ -2,6 +2,7 @@
 
 #include "platform/DirectoryEntries.h"
 #include "platform/FolderCache.h"
+#include "platform/ItemHandle.h"
 #include "platform/PathParts.h"
 #include "platform/PosixIO.h"
 #include "platform/RegularFile.h"
@@ -59,20 +60,37 @@ std::error_code resultOf(int status)
     return status == 0 ? std::error_code() : posix::lastError();
 }
 
-// The file system's immutable flag. Asked for files and folders only, so
+// The file system's immutable flag. Asked of files and folders only, so
 // opening never has a device's side effects; false where the file system has
 // no such flags (a link, tmpfs on older kernels) or the item cannot be opened.
-bool isImmutable(const std::string& path, mode_t mode)
+bool isImmutable(const ItemHandle& item)
 {
-    if (!S_ISREG(mode) && !S_ISDIR(mode)) {
+    const struct stat& status = item.statusWhenOpened();
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
         return false;
     }
-    const posix::UniqueFd fd = posix::openFile(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY);
+    const posix::UniqueFd fd = item.openForReading();
     if (!fd.valid()) {
         return false;
     }
     int flags = 0;
     return ::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL) != 0;
+}
+
+// Changes the permissions of the item the path names, judged and changed on
+// one descriptor (ItemHandle.h): never those of a protected folder or of
+// anything in the system's trees (operation_not_permitted then).
+std::error_code changeModeOfItem(const std::string& path, mode_t mode)
+{
+    std::error_code reason;
+    const std::optional<ItemHandle> item = ItemHandle::open(path, &reason);
+    if (!item) {
+        return reason;
+    }
+    if (item->reasonToLeaveModeAlone()) {
+        return std::make_error_code(std::errc::operation_not_permitted);
+    }
+    return item->changeMode(mode);
 }
 
 // The names in the folder open at `folderFd`, sorted.
@@ -102,13 +120,38 @@ std::error_code writeContentsAndMode(posix::UniqueFd& fd, std::string_view conte
     return reason ? reason : closeError;
 }
 
-// Creates a new file beside path for an atomic write.
-posix::UniqueFd createTemporarySibling(const std::string& path, std::string& temporaryPath, std::error_code& error)
+// The folder a path names its last component in, opened once, and that
+// name: the later steps of one operation act relative to the folder, never
+// resolving its text again. A path that names no entry of a folder ("",
+// "/", or one ending in "." or "..") has none: invalid_argument.
+struct FolderEntry {
+    posix::UniqueFd folder;
+    std::string name;
+};
+
+std::optional<FolderEntry> openFolderEntry(const std::string& path, std::error_code& error)
+{
+    FolderAndName parts = splitFolderAndName(path);
+    if (parts.name.empty() || parts.name == "." || parts.name == "..") {
+        error = std::make_error_code(std::errc::invalid_argument);
+        return std::nullopt;
+    }
+    posix::UniqueFd folder = posix::openFolderPath(parts.folder, &error);
+    if (!folder.valid()) {
+        return std::nullopt;
+    }
+    return FolderEntry{std::move(folder), std::move(parts.name)};
+}
+
+// Creates a new file beside `entry` in its folder for an atomic write,
+// named "<name>.tmp.<pid>.<n>".
+posix::UniqueFd createTemporarySibling(const FolderEntry& entry, std::string& temporaryName, std::error_code& error)
 {
     static std::atomic<unsigned> counter{0};
     for (int attempt = 0; attempt < 100; ++attempt) {
-        temporaryPath = path + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter++);
-        posix::UniqueFd fd = posix::openFile(temporaryPath, O_WRONLY | O_CREAT | O_EXCL | O_NOCTTY, 0666, &error);
+        temporaryName = entry.name + ".tmp." + std::to_string(::getpid()) + "." + std::to_string(counter++);
+        posix::UniqueFd fd = posix::openAt(entry.folder.get(), temporaryName,
+                                           O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY, 0666, &error);
         if (fd.valid() || error != std::errc::file_exists) {
             return fd;
         }
@@ -175,8 +218,17 @@ bool FileManager::fileExistsAtPath(const std::string& path, bool* isDirectory) c
 
 std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::string& path) const
 {
+    const std::optional<ItemHandle> item = ItemHandle::open(path);
+    if (!item) {
+        return std::nullopt;
+    }
+    return attributesOfItem(*item);
+}
+
+std::optional<FileAttributes> FileManager::attributesOfItem(const ItemHandle& item) const
+{
     struct stat st {};
-    if (path.empty() || ::lstat(path.c_str(), &st) != 0) {
+    if (item.status(st)) {
         return std::nullopt;
     }
     FileAttributes attributes;
@@ -185,7 +237,7 @@ std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::str
     attributes.posixPermissions = static_cast<uint32_t>(st.st_mode & 07777);
     attributes.ownerAccountID = st.st_uid;
     attributes.ownerAccountName = accountNameForUserID(st.st_uid);
-    attributes.immutable = isImmutable(path, st.st_mode);
+    attributes.immutable = isImmutable(item);
     attributes.modificationTime =
         static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1'000'000'000.0;
     return attributes;
@@ -193,10 +245,7 @@ std::optional<FileAttributes> FileManager::attributesOfItemAtPath(const std::str
 
 bool FileManager::setPosixPermissions(const std::string& path, uint32_t mode, std::error_code* error) const
 {
-    if (path.empty()) {
-        return report(error, emptyPathError());
-    }
-    return report(error, resultOf(::chmod(path.c_str(), static_cast<mode_t>(mode & 07777))));
+    return report(error, changeModeOfItem(path, static_cast<mode_t>(mode & 07777)));
 }
 
 bool FileManager::removeItemAtPath(const std::string& path, std::error_code* error) const
@@ -210,7 +259,13 @@ bool FileManager::moveItemAtPath(const std::string& source, const std::string& d
     if (source.empty() || destination.empty()) {
         return report(error, emptyPathError());
     }
-    const std::error_code reason = resultOf(::rename(source.c_str(), destination.c_str()));
+    std::error_code reason;
+    const std::optional<FolderEntry> from = openFolderEntry(source, reason);
+    const std::optional<FolderEntry> to = from ? openFolderEntry(destination, reason) : std::nullopt;
+    if (!to) {
+        return report(error, reason);
+    }
+    reason = resultOf(::renameat(from->folder.get(), from->name.c_str(), to->folder.get(), to->name.c_str()));
     // A move may change what a folder text leads to.
     FolderCache::invalidateAll();
     return report(error, reason);
@@ -222,13 +277,36 @@ bool FileManager::createDirectoryAtPath(const std::string& path, std::optional<u
     if (path.empty()) {
         return report(error, emptyPathError());
     }
-    if (::mkdir(path.c_str(), mode ? static_cast<mode_t>(*mode & 07777) : 0777) != 0) {
+    const FolderAndName parts = splitFolderAndName(path);
+    if (parts.name.empty() || parts.name == "." || parts.name == "..") {
+        // The folder the path leads to exists already, as mkdir answers.
+        return report(error, std::make_error_code(std::errc::file_exists));
+    }
+    std::error_code reason;
+    const posix::UniqueFd folder = posix::openFolderPath(parts.folder, &reason);
+    if (!folder.valid()) {
+        return report(error, reason);
+    }
+    const mode_t requested = mode ? static_cast<mode_t>(*mode & 07777) : 0777;
+    if (::mkdirat(folder.get(), parts.name.c_str(), requested) != 0) {
         return report(error, posix::lastError());
     }
-    // The umask has narrowed the mode given to mkdir; a mode asked for is set exactly.
-    return report(error, mode ? resultOf(::fchmodat(AT_FDCWD, path.c_str(), static_cast<mode_t>(*mode & 07777),
-                                                    AT_SYMLINK_NOFOLLOW))
-                              : std::error_code());
+    if (!mode) {
+        return report(error, {});
+    }
+    // The umask has narrowed the mode given to mkdir; a mode asked for is set
+    // exactly, on the folder just made, reached from the same folder and
+    // never through a link. One that is not this process's own is not the
+    // one made here (replaced meanwhile) and is left alone.
+    const posix::UniqueFd made = posix::openAt(folder.get(), parts.name, posix::kFolderFlags, 0, &reason);
+    struct stat status {};
+    if (!made.valid() || (reason = posix::statDescriptor(made.get(), status))) {
+        return report(error, reason);
+    }
+    if (status.st_uid != ::geteuid()) {
+        return report(error, std::make_error_code(std::errc::operation_not_permitted));
+    }
+    return report(error, resultOf(::fchmod(made.get(), requested)));
 }
 
 bool FileManager::createFileAtPath(const std::string& path, const std::string& contents, std::optional<uint32_t> mode,
@@ -251,9 +329,13 @@ bool FileManager::writeFileAtomically(const std::string& path, std::string_view 
     if (path.empty()) {
         return report(error, emptyPathError());
     }
-    std::string temporaryPath;
     std::error_code reason;
-    posix::UniqueFd fd = createTemporarySibling(path, temporaryPath, reason);
+    const std::optional<FolderEntry> entry = openFolderEntry(path, reason);
+    if (!entry) {
+        return report(error, reason);
+    }
+    std::string temporaryName;
+    posix::UniqueFd fd = createTemporarySibling(*entry, temporaryName, reason);
     if (!fd.valid()) {
         return report(error, reason);
     }
@@ -265,11 +347,12 @@ bool FileManager::writeFileAtomically(const std::string& path, std::string_view 
     if (!reason) {
         reason = closeError;
     }
+    const int folder = entry->folder.get();
     if (!reason) {
-        reason = resultOf(::rename(temporaryPath.c_str(), path.c_str()));
+        reason = resultOf(::renameat(folder, temporaryName.c_str(), folder, entry->name.c_str()));
     }
     if (reason) {
-        ::unlink(temporaryPath.c_str());
+        ::unlinkat(folder, temporaryName.c_str(), 0);
     }
     return report(error, reason);
 }
@@ -374,17 +457,20 @@ std::optional<mode_t> requestedMode(const FileAttributeDictionary& attributes, b
     return mode;
 }
 
-// chmod that never follows a final link (a link itself cannot be changed).
-bool changeModeNoFollow(const std::string& path, mode_t mode)
-{
-    return !path.empty() && ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW) == 0;
-}
-
 }  // namespace
 
 std::optional<FileAttributeDictionary> FileManager::fileAttributesAtPath(const std::string& path) const
 {
-    const std::optional<FileAttributes> item = attributesOfItemAtPath(path);
+    const std::optional<ItemHandle> handle = ItemHandle::open(path);
+    if (!handle) {
+        return std::nullopt;
+    }
+    return fileAttributesOfItem(*handle);
+}
+
+std::optional<FileAttributeDictionary> FileManager::fileAttributesOfItem(const ItemHandle& handle) const
+{
+    const std::optional<FileAttributes> item = attributesOfItem(handle);
     if (!item) {
         return std::nullopt;
     }
@@ -408,7 +494,17 @@ bool FileManager::changeFileAttributes(const FileAttributeDictionary& attributes
     if (!valid || path.empty()) {
         return false;
     }
-    return !mode || changeModeNoFollow(path, *mode);
+    return !mode || !changeModeOfItem(path, *mode);
+}
+
+bool FileManager::changeFileAttributes(const FileAttributeDictionary& attributes, const ItemHandle& item) const
+{
+    bool valid = false;
+    const std::optional<mode_t> mode = requestedMode(attributes, valid);
+    if (!valid) {
+        return false;
+    }
+    return !mode || (!item.reasonToLeaveModeAlone() && !item.changeMode(*mode));
 }
 
 bool FileManager::createDirectoryWithAttributes(const std::string& path,

@@ -18,6 +18,8 @@
 
 namespace platform {
 
+class ItemHandle;
+
 enum class FileType { Regular, Directory, SymbolicLink, CharacterSpecial, BlockSpecial, Socket, Fifo, Unknown };
 
 struct FileAttributes {
@@ -43,6 +45,13 @@ public:
     bool fileExistsAtPath(const std::string& path, bool* isDirectory) const;
     // The item's own attributes; a final link is not followed.
     std::optional<FileAttributes> attributesOfItemAtPath(const std::string& path) const;
+    // The same of an item already open (read from its descriptor now).
+    std::optional<FileAttributes> attributesOfItem(const ItemHandle& item) const;
+    // Sets the permission bits (mode & 07777) of the item itself, judged and
+    // changed on one descriptor (ItemHandle.h): a final link is never
+    // followed (a link's own permissions cannot be changed), and the
+    // permissions of a protected folder or of anything in the system's trees
+    // are never changed (operation_not_permitted).
     bool setPosixPermissions(const std::string& path, uint32_t mode, std::error_code* error = nullptr) const;
     // Removes the path and everything in it (a link itself, never its
     // target). The walk and what makes it fail are described in
@@ -50,7 +59,9 @@ public:
     bool removeItemAtPath(const std::string& path, std::error_code* error = nullptr) const;
     bool moveItemAtPath(const std::string& source, const std::string& destination,
                         std::error_code* error = nullptr) const;
-    // One directory; its parent must exist. Mode defaults to 0777 & ~umask.
+    // One directory; its parent must exist. Mode defaults to 0777 & ~umask;
+    // a mode given is set exactly, on the folder just made (reached from the
+    // same descriptor of its parent, never through a link).
     bool createDirectoryAtPath(const std::string& path, std::optional<uint32_t> mode = std::nullopt,
                                std::error_code* error = nullptr) const;
     // Creates or replaces a file with the contents, writing into the file in
@@ -83,11 +94,16 @@ public:
     // the immutable flag and the modification date. None when the path cannot
     // be examined.
     std::optional<FileAttributeDictionary> fileAttributesAtPath(const std::string& path) const;
+    std::optional<FileAttributeDictionary> fileAttributesOfItem(const ItemHandle& item) const;
     // Applies the attributes. Only kFilePosixPermissions can be changed, and
     // only with a number of at most 07777; any other key or kind fails
-    // without changing anything. A final link is never followed: a link's own
-    // permissions cannot be changed, so changing them fails.
+    // without changing anything. The change is that of setPosixPermissions:
+    // on the item itself (a link's own permissions cannot be changed, so
+    // changing them fails), never on a protected folder or in the system's
+    // trees. The form with an item changes that very item, whatever its path
+    // leads to by now.
     bool changeFileAttributes(const FileAttributeDictionary& attributes, const std::string& path) const;
+    bool changeFileAttributes(const FileAttributeDictionary& attributes, const ItemHandle& item) const;
     // One directory (its parent must exist) or one new file with the
     // attributes. The permissions are set after the item is made, so they
     // are exactly those asked for whatever the umask. Attributes that cannot

@@ -281,6 +281,56 @@ TEST(FileManagerCreateDirectory, MissingParentOrExistingPathIsFalse)
     EXPECT_FALSE(fm().createDirectoryAtPath(dir.path()));
 }
 
+TEST(FileManagerCreateDirectory, DotDotOrTheRootNamesAFolderThatExistsAlready)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder/sub"));
+    std::error_code error;
+    EXPECT_FALSE(fm().createDirectoryAtPath(dir.at("folder/sub/.."), 0700, &error));
+    EXPECT_EQ(error, std::errc::file_exists);
+    EXPECT_FALSE(fm().createDirectoryAtPath("/", 0700, &error));
+    EXPECT_EQ(error, std::errc::file_exists);
+    EXPECT_NE(modeOf(dir.at("folder")), 0700U);
+}
+
+TEST(FileManagerCreateDirectory, ALinkPlantedWhereTheFolderIsToBeMadeIsNeitherFollowedNorChanged)
+{
+    TempDir dir;
+    makeDirectories(dir.at("target"));
+    ASSERT_EQ(::chmod(dir.at("target").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("new").c_str()), 0);
+    std::error_code error;
+    EXPECT_FALSE(fm().createDirectoryAtPath(dir.at("new"), 0700, &error));
+    EXPECT_EQ(error, std::errc::file_exists);
+    EXPECT_EQ(modeOf(dir.at("target")), 0755U);
+}
+
+TEST(FileManagerMove, APathThatNamesNoEntryOfAFolderIsNotMoved)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder/sub"));
+    std::error_code error;
+    EXPECT_FALSE(fm().moveItemAtPath(dir.at("folder/sub/.."), dir.at("moved"), &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_FALSE(fm().moveItemAtPath(dir.at("folder/sub"), dir.at("folder/sub/.."), &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_TRUE(present(dir.at("folder/sub")));
+    EXPECT_FALSE(present(dir.at("moved")));
+}
+
+TEST(FileManagerMove, AnItemMovesBetweenFoldersAndALinkMovesItself)
+{
+    TempDir dir;
+    writeFile(dir.at("a/file"), "x");
+    makeDirectories(dir.at("b"));
+    ASSERT_EQ(::symlink("file", dir.at("a/link").c_str()), 0);
+    EXPECT_TRUE(fm().moveItemAtPath(dir.at("a/file"), dir.at("b/file")));
+    EXPECT_TRUE(fm().moveItemAtPath(dir.at("a/link"), dir.at("b/link")));
+    EXPECT_EQ(readFile(dir.at("b/file")), "x");
+    EXPECT_EQ(readFile(dir.at("b/link")), "x");
+    EXPECT_FALSE(present(dir.at("a/file")));
+}
+
 TEST(FileManagerCreateFile, WritesTheContents)
 {
     TempDir dir;
