@@ -11,9 +11,8 @@
 #include "fsutil/QELUPath.h"
 #include "platform/Exception.h"
 #include "fsutil/Sha256.h"
+#include "platform/ItemHandle.h"
 #include "platform/PosixIO.h"
-#include "platform/ProtectedFolders.h"
-#include "platform/SystemTrees.h"
 
 namespace posix = platform::posix;
 
@@ -94,15 +93,19 @@ bool QELSecurity::othersHaveWriteAccessToThisFile(const std::string& path, const
 {
     bool answer = true;
     try {
-        if (fileIsSymbolicLink(path) || !ownerOfPath(path, user)) {
+        // Opened once: the checks and the repair below are of this one item,
+        // even if a folder on its path is swapped for a link meanwhile.
+        std::error_code error;
+        const std::optional<platform::ItemHandle> item = platform::ItemHandle::open(path, &error);
+        if (!item || isSymbolicLink(*item) || !ownerOfItem(*item, user)) {
             return true;
         }
         int32_t status = 0;
-        const unsigned long mode = QELUPosixPermissionsAtPath(path, &status);
+        const unsigned long mode = QELUPosixPermissionsOfItem(*item, &status);
         if (status != 0) {
             return true;
         }
-        if (const std::optional<std::string> reason = reasonToLeaveModeAlone(path)) {
+        if (const std::optional<std::string> reason = item->reasonToLeaveModeAlone()) {
             // A repair here would clear bits the system relies on (/tmp's
             // sticky world-writable mode, a set-uid program's bit): the item
             // stays as it is and counts as unsafe. One that needs no repair
@@ -111,12 +114,12 @@ bool QELSecurity::othersHaveWriteAccessToThisFile(const std::string& path, const
                 QELBase::logErrorString("the permissions of " + path + " are left as they are: " + *reason);
                 return true;
             }
-        } else if (!QELUSetPosixPermissionsAtPath(path, mode & kRepairMask, &status) || status != 0) {
+        } else if (!QELUSetPosixPermissionsOfItem(*item, mode & kRepairMask, &status) || status != 0) {
             // Written even when the write bits are already clear: the set-id
             // bits go too. The mode read back afterwards decides.
             return true;
         }
-        const unsigned long repaired = QELUPosixPermissionsAtPath(path, &status);
+        const unsigned long repaired = QELUPosixPermissionsOfItem(*item, &status);
         if (status == 0 && (repaired & kWriteBits) == 0) {
             answer = false;
         }
@@ -127,35 +130,19 @@ bool QELSecurity::othersHaveWriteAccessToThisFile(const std::string& path, const
     return answer;
 }
 
-bool QELSecurity::ownerOfPath(const std::string& path, const std::string& user)
+bool QELSecurity::isSymbolicLink(const platform::ItemHandle& item)
 {
-    const auto owner = QELUAttributesOfPathForKey(path, platform::kFileOwnerAccountName);
+    const auto type = QELUAttributesOfItemForKey(item, platform::kFileType);
+    const std::string* name = type ? std::get_if<std::string>(&*type) : nullptr;
+    return name == nullptr || *name == platform::kFileTypeSymbolicLink;
+}
+
+bool QELSecurity::ownerOfItem(const platform::ItemHandle& item, const std::string& user)
+{
+    const auto owner = QELUAttributesOfItemForKey(item, platform::kFileOwnerAccountName);
     if (!owner) {
         return false;
     }
     const std::string* name = std::get_if<std::string>(&*owner);
     return name != nullptr && *name == user;
-}
-
-std::optional<std::string> QELSecurity::reasonToLeaveModeAlone(const std::string& path)
-{
-    std::error_code error;
-    const platform::posix::UniqueFd item = posix::openFile(path, O_PATH | O_NOFOLLOW, 0, &error);
-    struct stat identity {};
-    if (!item.valid() || (error = posix::statDescriptor(item.get(), identity))) {
-        return "it cannot be examined (" + error.message() + ")";
-    }
-    // Only the protected folders themselves, judged by identity alone.
-    if (const std::error_code refusal =
-            platform::ProtectedFolders::shared().refusal(identity.st_dev, identity.st_ino)) {
-        return refusal.message();
-    }
-    const std::optional<std::string> tree = platform::SystemTrees::shared().treeHolding(path, &error);
-    if (error) {
-        return "where it lies cannot be told (" + error.message() + ")";
-    }
-    if (tree) {
-        return "it lies in the system's tree " + *tree;
-    }
-    return std::nullopt;
 }

@@ -15,6 +15,10 @@
 
 #include "platform/FileAttributeDictionary.h"
 
+namespace platform {
+class ItemHandle;
+}
+
 class QELSecurity {
 public:
     QELSecurity() = delete;
@@ -77,14 +81,14 @@ public:
 private:
     // False only when the path is proven safe for the user after the repair
     // (mode & kRepairMask written back, then read again); true otherwise. A
-    // link, or a path another user owns, is left untouched.
+    // link, or a path another user owns, is left untouched. The item is
+    // opened once (platform/ItemHandle.h) and every check, the repair and
+    // the read after it are of that one item. The mode of a protected folder
+    // or of anything in the system's trees is never changed
+    // (ItemHandle::reasonToLeaveModeAlone).
     static bool othersHaveWriteAccessToThisFile(const std::string& path, const std::string& user);
+    // True when the item is a link itself, or its type cannot be read.
+    static bool isSymbolicLink(const platform::ItemHandle& item);
     // True when the owner's account name equals user.
-    static bool ownerOfPath(const std::string& path, const std::string& user);
-    // Why the mode of the item at path must never be changed, or none: it is
-    // one of the protected folders (those the removal of a folder with its
-    // contents refuses), or it is or lies below one of the system's trees
-    // (/usr, /bin, /sbin, /lib*, /etc, /boot, /System), or it cannot be
-    // examined or placed. Decided by identity (device and inode), not text.
-    static std::optional<std::string> reasonToLeaveModeAlone(const std::string& path);
+    static bool ownerOfItem(const platform::ItemHandle& item, const std::string& user);
 };

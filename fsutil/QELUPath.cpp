@@ -7,6 +7,7 @@
 #include "fsutil/QELSecurity.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
+#include "platform/ItemHandle.h"
 #include "platform/Path.h"
 #include "platform/User.h"
 
@@ -59,9 +60,11 @@ bool QELUDeletePathIfExists(const std::string& path, int32_t code, signed char r
     return false;
 }
 
-std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std::string& path, const std::string& key)
+namespace {
+
+std::optional<platform::FileAttributeValue>
+valueForKey(const std::optional<platform::FileAttributeDictionary>& attributes, const std::string& key)
 {
-    const auto attributes = fileManager().fileAttributesAtPath(path);
     if (!attributes) {
         return std::nullopt;
     }
@@ -72,8 +75,11 @@ std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std
     return found->second;
 }
 
-bool QELUSetAttributeForPath(const std::string& path, const std::string& key, const platform::FileAttributeValue& value,
-                             int32_t* status)
+// The checks of setting one attribute, around the change itself (`change`,
+// given the attributes, answering whether it was made).
+template <typename Change>
+bool setAttribute(const std::string& key, const platform::FileAttributeValue& value, int32_t* status,
+                  const Change& change)
 {
     const platform::FileAttributeDictionary attributes{{key, value}};
     const bool made = attributes.size() == 1;
@@ -81,18 +87,72 @@ bool QELUSetAttributeForPath(const std::string& path, const std::string& key, co
         storeStatus(status, kQELUAttributeNotSet);
         return false;
     }
-    const bool changed = fileManager().changeFileAttributes(attributes, path);
+    const bool changed = change(attributes);
     if (loggedCheckFails(changed, kQELUAttributeNotSet)) {
         storeStatus(status, kQELUAttributeNotSet);
     }
     return changed;
 }
 
+// The checks of reading the permission bits from the value read.
+unsigned long permissionsFromValue(const std::optional<platform::FileAttributeValue>& value, int32_t* status)
+{
+    if (loggedCheckFails(value.has_value(), kQELUPermissionsUnreadable)) {
+        storeStatus(status, kQELUPermissionsUnreadable);
+        return 0;
+    }
+    const uint64_t* number = value ? std::get_if<uint64_t>(&*value) : nullptr;
+    if (loggedCheckFails(number != nullptr, kQELUPermissionsNotANumber)) {
+        storeStatus(status, kQELUPermissionsNotANumber);
+        return 0;
+    }
+    return number != nullptr ? static_cast<unsigned long>(*number) : 0;
+}
+
+platform::FileAttributeValue permissionsValue(unsigned long bits)
+{
+    return platform::FileAttributeValue(uint64_t{bits});
+}
+
+}  // namespace
+
+std::optional<platform::FileAttributeValue> QELUAttributesOfPathForKey(const std::string& path, const std::string& key)
+{
+    return valueForKey(fileManager().fileAttributesAtPath(path), key);
+}
+
+std::optional<platform::FileAttributeValue> QELUAttributesOfItemForKey(const platform::ItemHandle& item,
+                                                                       const std::string& key)
+{
+    return valueForKey(fileManager().fileAttributesOfItem(item), key);
+}
+
+bool QELUSetAttributeForPath(const std::string& path, const std::string& key, const platform::FileAttributeValue& value,
+                             int32_t* status)
+{
+    return setAttribute(key, value, status, [&](const platform::FileAttributeDictionary& attributes) {
+        return fileManager().changeFileAttributes(attributes, path);
+    });
+}
+
+bool QELUSetAttributeForItem(const platform::ItemHandle& item, const std::string& key,
+                             const platform::FileAttributeValue& value, int32_t* status)
+{
+    return setAttribute(key, value, status, [&](const platform::FileAttributeDictionary& attributes) {
+        return fileManager().changeFileAttributes(attributes, item);
+    });
+}
+
 bool QELUSetPosixPermissionsAtPath(const std::string& path, unsigned long bits, int32_t* status)
 {
     storeStatus(status, 0);
-    return QELUSetAttributeForPath(path, platform::kFilePosixPermissions, platform::FileAttributeValue(uint64_t{bits}),
-                                   status);
+    return QELUSetAttributeForPath(path, platform::kFilePosixPermissions, permissionsValue(bits), status);
+}
+
+bool QELUSetPosixPermissionsOfItem(const platform::ItemHandle& item, unsigned long bits, int32_t* status)
+{
+    storeStatus(status, 0);
+    return QELUSetAttributeForItem(item, platform::kFilePosixPermissions, permissionsValue(bits), status);
 }
 
 uint64_t QELUFileSize(const std::string& path, int32_t* status)
@@ -115,17 +175,13 @@ uint64_t QELUFileSize(const std::string& path, int32_t* status)
 unsigned long QELUPosixPermissionsAtPath(const std::string& path, int32_t* status)
 {
     storeStatus(status, 0);
-    const auto value = QELUAttributesOfPathForKey(path, platform::kFilePosixPermissions);
-    if (loggedCheckFails(value.has_value(), kQELUPermissionsUnreadable)) {
-        storeStatus(status, kQELUPermissionsUnreadable);
-        return 0;
-    }
-    const uint64_t* number = value ? std::get_if<uint64_t>(&*value) : nullptr;
-    if (loggedCheckFails(number != nullptr, kQELUPermissionsNotANumber)) {
-        storeStatus(status, kQELUPermissionsNotANumber);
-        return 0;
-    }
-    return number != nullptr ? static_cast<unsigned long>(*number) : 0;
+    return permissionsFromValue(QELUAttributesOfPathForKey(path, platform::kFilePosixPermissions), status);
+}
+
+unsigned long QELUPosixPermissionsOfItem(const platform::ItemHandle& item, int32_t* status)
+{
+    storeStatus(status, 0);
+    return permissionsFromValue(QELUAttributesOfItemForKey(item, platform::kFilePosixPermissions), status);
 }
 
 std::string QELUUserDirectoryOfType(uint32_t type, int32_t code)

@@ -22,6 +22,10 @@
 
 #include "platform/FileAttributeDictionary.h"
 
+namespace platform {
+class ItemHandle;
+}
+
 // Codes of the logging-style checks.
 inline constexpr int32_t kQELUPermissionsUnreadable = 1950;
 inline constexpr int32_t kQELUPermissionsNotANumber = 1951;
@@ -64,6 +68,17 @@ uint64_t QELUFileSize(const std::string& path, int32_t* status);
 // bits). 0 with status 1950 when they cannot be read, 1951 when they are not
 // a number.
 unsigned long QELUPosixPermissionsAtPath(const std::string& path, int32_t* status);
+
+// The same four of an item already open (platform/ItemHandle.h), with the
+// same checks and codes: each reads or changes that very item through its
+// descriptor, so a check and the change that follows it are of one item even
+// when its path leads elsewhere meanwhile.
+std::optional<platform::FileAttributeValue> QELUAttributesOfItemForKey(const platform::ItemHandle& item,
+                                                                       const std::string& key);
+bool QELUSetAttributeForItem(const platform::ItemHandle& item, const std::string& key,
+                             const platform::FileAttributeValue& value, int32_t* status);
+bool QELUSetPosixPermissionsOfItem(const platform::ItemHandle& item, unsigned long bits, int32_t* status);
+unsigned long QELUPosixPermissionsOfItem(const platform::ItemHandle& item, int32_t* status);
 
 // The first user-domain directory of the type (a platform::SearchPathDirectory
 // value, e.g. 5 for the Library folder), tilde expanded. Raises the fatal

@@ -1,9 +1,16 @@
 // Whether a path may be trusted by a user, the repair of its write bits, and
 // the attributes the shared services create items with.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 
 #include "fsutil/QELSecurity.h"
@@ -11,6 +18,7 @@
 #include "platform/User.h"
 #include "tests/support/Settings.h"
 #include "tests/support/FileModes.h"
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -151,6 +159,60 @@ TEST_F(PathSafety, DesiredDirectoryAndFileAttributesAreBothMode0700)
     EXPECT_EQ(file.size(), 1U);
     EXPECT_EQ(platform::numberForKey(directory, platform::kFilePosixPermissions), 0700U);
     EXPECT_EQ(platform::numberForKey(file, platform::kFilePosixPermissions), 0700U);
+}
+
+// The owner of a folder on the path swaps it for a link to a folder of
+// root's, as fast as it can, while root repairs the owner's file on that
+// path again and again: the repair judged on one item must never land on the
+// file of the same name behind the link (root's file would take the mode of
+// the owner's, 0644, and become readable to all).
+TEST_F(PathSafety, ARepairNeverReachesTheFileBehindAFolderSwappedForALinkMeanwhile)
+{
+    ASSERT_EQ(::geteuid(), 0U) << "the suite runs as root";
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    const std::string victim = folder("victim", 0755);
+    const std::string secret = file("victim/x", 0600);
+    const std::string owned = folder("owned", 0755);
+    testsupport::writeFile(owned + "/A/x", "mine");
+    ASSERT_EQ(::chmod((owned + "/A/x").c_str(), 0666), 0);
+    ASSERT_EQ(::symlink(victim.c_str(), (owned + "/B").c_str()), 0);
+    for (const std::string& item : {owned, owned + "/A", owned + "/A/x"}) {
+        ASSERT_EQ(::chown(item.c_str(), testsupport::kUnprivilegedUser, testsupport::kUnprivilegedGroup), 0);
+    }
+    ASSERT_EQ(::lchown((owned + "/B").c_str(), testsupport::kUnprivilegedUser, testsupport::kUnprivilegedGroup), 0);
+    const std::optional<std::string> owner = platform::accountNameForUserID(testsupport::kUnprivilegedUser);
+    ASSERT_TRUE(owner);
+
+    auto* stop = static_cast<std::atomic<bool>*>(
+        ::mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(stop, MAP_FAILED);
+    new (stop) std::atomic<bool>(false);
+    const int folderFd = ::open(owned.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(folderFd, 0);
+    const pid_t swapper = ::fork();
+    ASSERT_GE(swapper, 0);
+    if (swapper == 0) {
+        if (::setgroups(0, nullptr) != 0 || ::setgid(testsupport::kUnprivilegedGroup) != 0 ||
+            ::setuid(testsupport::kUnprivilegedUser) != 0) {
+            ::_exit(125);
+        }
+        while (!stop->load()) {
+            if (::renameat2(folderFd, "A", folderFd, "B", RENAME_EXCHANGE) != 0) {
+                ::_exit(1);
+            }
+        }
+        ::_exit(0);
+    }
+    for (int round = 0; round < 10000 && modeOf(secret) == 0600U; ++round) {
+        static_cast<void>(QELSecurity::makePathOK(owned + "/A/x", *owner));
+    }
+    stop->store(true);
+    int status = 0;
+    ASSERT_EQ(::waitpid(swapper, &status, 0), swapper);
+    ::close(folderFd);
+    ::munmap(stop, sizeof(std::atomic<bool>));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the swapping child failed";
+    EXPECT_EQ(modeOf(secret), 0600U);
 }
 
 }  // namespace
