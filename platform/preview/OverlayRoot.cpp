@@ -479,6 +479,49 @@ bool pivotInto(const posix::UniqueFd& newRoot, OverlayRoot::Failure& failure)
     return true;
 }
 
+// The whole contents of the file at `path`.
+std::error_code readWhole(const std::string& path, std::string& contents)
+{
+    std::error_code error;
+    const posix::UniqueFd file = posix::openFile(path, O_RDONLY, 0, &error);
+    return file.valid() ? posix::readAll(file.get(), contents) : error;
+}
+
+// The status of the regular file open at `fd`, when it lies on one of the
+// overlays, whose mounts are `overlayMountIds`: the real file is never
+// written.
+std::error_code statInOverlay(int fd, const std::vector<uint64_t>& overlayMountIds, struct stat& status)
+{
+    if (const std::error_code statFailure = posix::statDescriptor(fd, status)) {
+        return statFailure;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        return std::make_error_code(std::errc::invalid_argument);
+    }
+    const std::optional<uint64_t> mountId = MountPoint::mountIdOf(fd);
+    if (!mountId || std::find(overlayMountIds.begin(), overlayMountIds.end(), *mountId) == overlayMountIds.end()) {
+        return std::make_error_code(std::errc::cross_device_link);
+    }
+    return {};
+}
+
+// Writes `contents` over all of the open file whose status was `before`, and
+// gives it back its times: only its contents differ from the real file.
+std::error_code replaceContents(int fd, const std::string& contents, const struct stat& before)
+{
+    if (::ftruncate(fd, 0) != 0) {
+        return posix::lastError();
+    }
+    if (const std::error_code writeFailure = posix::writeAll(fd, contents)) {
+        return writeFailure;
+    }
+    const std::array<struct timespec, 2> times = {before.st_atim, before.st_mtim};
+    if (::futimens(fd, times.data()) != 0) {
+        return posix::lastError();
+    }
+    return {};
+}
+
 }  // namespace
 
 std::string OverlayRoot::Failure::message() const
@@ -583,15 +626,11 @@ bool OverlayRoot::placeStandIn(const std::string& source, const std::string& tar
         }
         return !failure;
     };
-    std::error_code failure;
     std::string contents;
-    const posix::UniqueFd sourceFile = posix::openFile(source, O_RDONLY, 0, &failure);
-    if (!sourceFile.valid()) {
-        return done(failure);
-    }
-    if (const std::error_code readFailure = posix::readAll(sourceFile.get(), contents)) {
+    if (const std::error_code readFailure = readWhole(source, contents)) {
         return done(readFailure);
     }
+    std::error_code failure;
     // Not truncated on opening: nothing is written before the file is known
     // to lie in a writable layer. Never blocks on a pipe.
     const posix::UniqueFd file = posix::openFile(target, O_WRONLY | O_NONBLOCK | O_NOCTTY, 0, &failure);
@@ -602,27 +641,11 @@ bool OverlayRoot::placeStandIn(const std::string& source, const std::string& tar
         return done(failure);
     }
     struct stat before {};
-    if (const std::error_code statFailure = posix::statDescriptor(file.get(), before)) {
-        return done(statFailure);
+    if (const std::error_code notInLayer = statInOverlay(file.get(), theOverlayMountIds, before)) {
+        return done(notInLayer);
     }
-    if (!S_ISREG(before.st_mode)) {
-        return done(std::make_error_code(std::errc::invalid_argument));
-    }
-    const std::optional<uint64_t> mountId = MountPoint::mountIdOf(file.get());
-    if (!mountId ||
-        std::find(theOverlayMountIds.begin(), theOverlayMountIds.end(), *mountId) == theOverlayMountIds.end()) {
-        return done(std::make_error_code(std::errc::cross_device_link));
-    }
-    if (::ftruncate(file.get(), 0) != 0) {
-        return done(posix::lastError());
-    }
-    if (const std::error_code writeFailure = posix::writeAll(file.get(), contents)) {
+    if (const std::error_code writeFailure = replaceContents(file.get(), contents, before)) {
         return done(writeFailure);
-    }
-    // Its times as they were: only its contents differ from the real file.
-    const std::array<struct timespec, 2> times = {before.st_atim, before.st_mtim};
-    if (::futimens(file.get(), times.data()) != 0) {
-        return done(posix::lastError());
     }
     struct stat after {};
     if (const std::error_code statFailure = posix::statDescriptor(file.get(), after)) {
