@@ -253,6 +253,13 @@ bool FileManager::removeItemAtPath(const std::string& path, std::error_code* err
     return TreeRemover().removePath(path, error);
 }
 
+bool FileManager::removeEmptyFolderAtPath(const std::string& path, std::error_code* error) const
+{
+    TreeRemover remover;
+    remover.setEmptyFoldersOnly(true);
+    return remover.removePath(path, error);
+}
+
 bool FileManager::moveItemAtPath(const std::string& source, const std::string& destination,
                                  std::error_code* error) const
 {

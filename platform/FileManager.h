@@ -57,6 +57,11 @@ public:
     // target). The walk and what makes it fail are described in
     // TreeRemover.h; `error` receives the reason of the first failure.
     bool removeItemAtPath(const std::string& path, std::error_code* error = nullptr) const;
+    // Removes the path only when it is an empty folder or a link (the link
+    // itself), with the checks of removeItemAtPath: a folder that is not
+    // empty (something appeared in it since it was found empty) stays with
+    // directory_not_empty, and any other item stays with not_a_directory.
+    bool removeEmptyFolderAtPath(const std::string& path, std::error_code* error = nullptr) const;
     bool moveItemAtPath(const std::string& source, const std::string& destination,
                         std::error_code* error = nullptr) const;
     // One directory; its parent must exist. Mode defaults to 0777 & ~umask;

@@ -183,6 +183,10 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const st
         walk.fail(displayPath, *place);
         return false;
     }
+    if (theEmptyFoldersOnly && !S_ISDIR(item.st_mode) && !S_ISLNK(item.st_mode)) {
+        walk.fail(displayPath, reasonOf(std::errc::not_a_directory));
+        return false;
+    }
     if (!S_ISDIR(item.st_mode)) {
         // unlinkat without AT_REMOVEDIR never removes a folder, so acting on
         // a status seen a moment ago is safe: a folder put in its place
@@ -220,6 +224,15 @@ bool TreeRemover::removeEntry(int directoryFd, const std::string& name, const st
     if (!mountRoot || *mountRoot) {
         walk.fail(displayPath, mountRoot ? RemovalRefusal::MountPoint : RemovalRefusal::UnknownMount);
         return false;
+    }
+    if (theEmptyFoldersOnly) {
+        // rmdir removes nothing but an empty folder.
+        const bool removed = ::unlinkat(directoryFd, name.c_str(), AT_REMOVEDIR) == 0;
+        if (!removed) {
+            walk.fail(displayPath, posix::lastError());
+        }
+        FolderCache::invalidateAll();
+        return removed;
     }
     // Whatever way the walk ends (a callback may throw), folders may have
     // gone, which may change what a folder text leads to.

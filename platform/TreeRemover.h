@@ -136,6 +136,12 @@ public:
         theBeforeOpeningFolder = std::move(hook);
     }
 
+    // Removes only an empty folder, or a link itself: any other item stays
+    // (not_a_directory), and a folder goes with one rmdir (unlinkat with
+    // AT_REMOVEDIR) after the same checks as any item, so whatever appeared
+    // in it after a caller found it empty keeps it (directory_not_empty).
+    void setEmptyFoldersOnly(bool emptyOnly) { theEmptyFoldersOnly = emptyOnly; }
+
     // The protected folders this remover refuses (see ProtectedFolders.h);
     // by default the set of the process. Tests give a set of their own, which
     // must outlive the remover.
@@ -155,6 +161,7 @@ private:
     FailureHandler theFailureHandler;
     std::function<void(int, const std::string&)> theBeforeOpeningFolder;
     const ProtectedFolders* theProtectedFolders = nullptr;
+    bool theEmptyFoldersOnly = false;
 };
 
 }  // namespace platform

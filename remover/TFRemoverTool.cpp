@@ -363,10 +363,10 @@ void TFRemoverTool::deleteParentFolder(const std::string& path)
         return;
     }
     // Every entry counts, hidden or not: nothing is removed to make the
-    // folder empty.
+    // folder empty, nor anything that appears in it after it was found empty.
     const std::optional<std::vector<std::string>> contents = fileManager.contentsOfDirectoryAtPath(path);
     std::error_code reason;
-    const bool removed = contents && contents->empty() && fileManager.removeItemAtPath(path, &reason);
+    const bool removed = contents && contents->empty() && fileManager.removeEmptyFolderAtPath(path, &reason);
     if (reason) {
         platform::ConsoleLog::log(DestroyFailures::line(path, reason.message()));
     }

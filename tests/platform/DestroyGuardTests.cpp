@@ -184,4 +184,22 @@ INSTANTIATE_TEST_SUITE_P(BothCalls, NestedProtectedFolderTest,
                                     std::get<1>(info.param).name;
                          });
 
+TEST(DestroyGuardEmptyFolders, AnEmptyProtectedFolderStaysWhenOnlyEmptyFoldersGo)
+{
+    TempDir root;
+    testsupport::makeDirectories(root.at("home/alice/Documents"));
+    testsupport::makeDirectories(root.at("home/alice/Projects/old"));
+    const ProtectedFolders folders(
+        ProtectedFolders::standardLists(root.path(), {root.at("home/alice")}, root.at("root"), std::nullopt));
+    TreeRemover remover;
+    remover.setProtectedFolders(folders);
+    remover.setEmptyFoldersOnly(true);
+    std::error_code error;
+    EXPECT_FALSE(remover.removePath(root.at("home/alice/Documents"), &error));
+    EXPECT_EQ(error, std::errc::operation_not_permitted);
+    EXPECT_TRUE(present(root.at("home/alice/Documents")));
+    EXPECT_TRUE(remover.removePath(root.at("home/alice/Projects/old"), &error));
+    EXPECT_FALSE(present(root.at("home/alice/Projects/old")));
+}
+
 }  // namespace

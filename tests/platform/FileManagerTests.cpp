@@ -212,6 +212,45 @@ TEST(FileManagerRemove, RemovesALinkButNotItsTarget)
     EXPECT_EQ(readFile(dir.at("target/keep")), "keep");
 }
 
+TEST(FileManagerRemoveEmptyFolder, AnEmptyFolderGoesAndAFolderThatIsNotEmptyStaysWithEverythingInIt)
+{
+    TempDir dir;
+    makeDirectories(dir.at("empty"));
+    writeFile(dir.at("full/.hidden"), "x");
+    std::error_code error;
+    EXPECT_TRUE(fm().removeEmptyFolderAtPath(dir.at("empty"), &error));
+    EXPECT_FALSE(error);
+    EXPECT_FALSE(present(dir.at("empty")));
+    EXPECT_FALSE(fm().removeEmptyFolderAtPath(dir.at("full"), &error));
+    EXPECT_EQ(error, std::errc::directory_not_empty);
+    EXPECT_EQ(readFile(dir.at("full/.hidden")), "x");
+}
+
+TEST(FileManagerRemoveEmptyFolder, ALinkGoesItselfAndAFileStays)
+{
+    TempDir dir;
+    makeDirectories(dir.at("target"));
+    writeFile(dir.at("file"), "x");
+    ASSERT_EQ(::symlink(dir.at("target").c_str(), dir.at("link").c_str()), 0);
+    std::error_code error;
+    EXPECT_TRUE(fm().removeEmptyFolderAtPath(dir.at("link"), &error));
+    EXPECT_FALSE(present(dir.at("link")));
+    EXPECT_TRUE(present(dir.at("target")));
+    EXPECT_FALSE(fm().removeEmptyFolderAtPath(dir.at("file"), &error));
+    EXPECT_EQ(error, std::errc::not_a_directory);
+    EXPECT_TRUE(present(dir.at("file")));
+}
+
+TEST(FileManagerRemoveEmptyFolder, DotDotIsRefused)
+{
+    TempDir dir;
+    makeDirectories(dir.at("folder/sub"));
+    std::error_code error;
+    EXPECT_FALSE(fm().removeEmptyFolderAtPath(dir.at("folder/sub/.."), &error));
+    EXPECT_EQ(error, std::errc::invalid_argument);
+    EXPECT_TRUE(present(dir.at("folder/sub")));
+}
+
 TEST(FileManagerRemove, MissingPathIsFalse)
 {
     TempDir dir;
