@@ -63,12 +63,8 @@ int32_t QELSecurity::hashMatchesFile(const std::string& expected, const std::str
 
 bool QELSecurity::fileIsSymbolicLink(const std::string& path)
 {
-    const auto type = QELUAttributesOfPathForKey(path, platform::kFileType);
-    if (!type) {
-        return true;
-    }
-    const std::string* name = std::get_if<std::string>(&*type);
-    return name != nullptr && *name == platform::kFileTypeSymbolicLink;
+    const std::optional<platform::ItemHandle> item = platform::ItemHandle::open(path);
+    return !item || isSymbolicLink(*item);
 }
 
 platform::FileAttributeDictionary QELSecurity::desiredFileAttributes()
@@ -95,8 +91,7 @@ bool QELSecurity::othersHaveWriteAccessToThisFile(const std::string& path, const
     try {
         // Opened once: the checks and the repair below are of this one item,
         // even if a folder on its path is swapped for a link meanwhile.
-        std::error_code error;
-        const std::optional<platform::ItemHandle> item = platform::ItemHandle::open(path, &error);
+        const std::optional<platform::ItemHandle> item = platform::ItemHandle::open(path);
         if (!item || isSymbolicLink(*item) || !ownerOfItem(*item, user)) {
             return true;
         }
