@@ -13,6 +13,7 @@
 #include "identities/ExternalTools.h"
 #include "platform/Bundle.h"
 #include "platform/ConsoleLog.h"
+#include "platform/DestroyFailures.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/Path.h"
@@ -21,7 +22,6 @@
 #include "platform/Text.h"
 #include "platform/TrustedFile.h"
 #include "platform/Workspace.h"
-#include "remover/DestroyFailures.h"
 #include "remover/InstallLogList.h"
 
 int32_t (*_hov_uninstallCorvaneApplicationManager)(int32_t*) = nullptr;  // NOLINT
@@ -368,7 +368,7 @@ void TFRemoverTool::deleteParentFolder(const std::string& path)
     std::error_code reason;
     const bool removed = contents && contents->empty() && fileManager.removeEmptyFolderAtPath(path, &reason);
     if (reason) {
-        platform::ConsoleLog::log(DestroyFailures::line(path, reason.message()));
+        platform::ConsoleLog::log(platform::DestroyFailures::line(path, reason.message()));
     }
     printStatus(removed ? kStatusRemoved : kStatusErrorRemovingFile, path);
 }
@@ -447,7 +447,7 @@ bool TFRemoverTool::destroyItem(const std::string& path)
 {
     // The workspace writes 0 through the tag; nothing reads it.
     int32_t tag = 0;
-    DestroyFailures failures;
+    platform::DestroyFailures failures;
     const bool destroyed = Workspace::sharedWorkspace().performFileOperation(
         WorkspaceOperation::Destroy, platform::deletingLastPathComponent(path), std::nullopt,
         {platform::lastPathComponent(path)}, &tag, nullptr, failures.handler());

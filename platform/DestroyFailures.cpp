@@ -1,7 +1,9 @@
-#include "remover/DestroyFailures.h"
+#include "platform/DestroyFailures.h"
 
 #include "platform/ConsoleLog.h"
 #include "platform/Text.h"
+
+namespace platform {
 
 void DestroyFailures::add(const std::string& path, std::error_code reason)
 {
@@ -11,7 +13,7 @@ void DestroyFailures::add(const std::string& path, std::error_code reason)
     }
 }
 
-platform::TreeRemover::FailureHandler DestroyFailures::handler()
+TreeRemover::FailureHandler DestroyFailures::handler()
 {
     return [this](const std::string& item, std::error_code reason) { add(item, reason); };
 }
@@ -20,20 +22,22 @@ void DestroyFailures::log(const std::string& path) const
 {
     if (theCount == 0) {
         // The destroy failed without telling which item stayed.
-        platform::ConsoleLog::log(line(path));
+        ConsoleLog::log(line(path));
         return;
     }
-    platform::ConsoleLog::log(line(theFirstPath, theFirstReason.message(), theCount - 1));
+    ConsoleLog::log(line(theFirstPath, theFirstReason.message(), theCount - 1));
 }
 
 std::string DestroyFailures::line(std::string_view path, std::string_view reason, std::size_t others)
 {
-    std::string text = "not removed: " + platform::escapingControlCharacters(path);
+    std::string text = "not removed: " + escapingControlCharacters(path);
     if (!reason.empty()) {
-        text += ": " + platform::escapingControlCharacters(reason);
+        text += ": " + escapingControlCharacters(reason);
     }
     if (others > 0) {
         text += " (and " + std::to_string(others) + " more)";
     }
     return text;
 }
+
+}  // namespace platform

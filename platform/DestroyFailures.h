@@ -1,7 +1,7 @@
 // Why a destroy left something, gathered for one console line per destroy:
 // the first item that stayed with its reason, and how many more did.
 //
-//   DestroyFailures failures;
+//   platform::DestroyFailures failures;
 //   const bool destroyed = workspace.performFileOperation(
 //       WorkspaceOperation::Destroy, folder, std::nullopt, {name}, &tag, nullptr, failures.handler());
 //   if (!destroyed) {
@@ -16,6 +16,8 @@
 
 #include "platform/TreeRemover.h"
 
+namespace platform {
+
 class DestroyFailures {
 public:
     DestroyFailures() = default;
@@ -25,7 +27,7 @@ public:
     // Notes one item that stayed.
     void add(const std::string& path, std::error_code reason);
     // A failure handler that notes into this object, which must outlive it.
-    platform::TreeRemover::FailureHandler handler();
+    TreeRemover::FailureHandler handler();
     // Writes the console line for a destroy of `path` that failed: the first
     // item that stayed and its reason, with " (and N more)" when more than
     // one did; `path` alone when the destroy named none.
@@ -45,3 +47,5 @@ private:
     std::error_code theFirstReason;
     std::size_t theCount = 0;
 };
+
+}  // namespace platform

@@ -6,10 +6,12 @@
 #include <system_error>
 #include <vector>
 
-#include "remover/DestroyFailures.h"
+#include "platform/DestroyFailures.h"
 #include "tests/support/ConsoleCapture.h"
 
 namespace {
+
+using platform::DestroyFailures;
 
 struct LineCase {
     const char* name;
