@@ -5,6 +5,8 @@
 #include "base/QELBVerify.h"
 #include "base/QELBase.h"
 #include "fsutil/QELSecurity.h"
+#include "platform/ConsoleLog.h"
+#include "platform/DestroyFailures.h"
 #include "platform/Exception.h"
 #include "platform/FileManager.h"
 #include "platform/ItemHandle.h"
@@ -45,9 +47,13 @@ void verifyOrRaise(bool condition, int32_t code)
 bool QELUDeletePathIfExists(const std::string& path, int32_t code, signed char recordOnly, signed char raise)
 {
     if (!QELBase::condShouldTriggerErrorCode(true, code) && !path.empty()) {
-        if (!fileManager().fileExistsAtPath(path) || fileManager().removeItemAtPath(path)) {
+        std::error_code reason;
+        if (!fileManager().fileExistsAtPath(path) || fileManager().removeItemAtPath(path, &reason)) {
             return true;
         }
+        // What stayed and why, on the console only (the log keeps the
+        // lines its readers expect), before the code that says it failed.
+        platform::ConsoleLog::log(platform::DestroyFailures::line(path, reason.message()));
     }
     if (recordOnly != 0) {
         QELBase::setErrorCode(code);

@@ -193,6 +193,8 @@ TEST_F(PathCommand, DeleteOfAProtectedFolderSaysNoAndKeepsIt)
     const RunResult result = qelutil({"delete", "/Library/Logs", "1865"});
     EXPECT_EQ(result.standardOutput, "NO\n");
     EXPECT_TRUE(sandbox.exists("/Library/Logs/Corvane/a.log"));
+    EXPECT_NE(result.standardError.find("not removed: /Library/Logs: a protected system folder"), std::string::npos)
+        << result.standardError;
 }
 
 TEST_F(PathCommand, DeleteOfAMissingPathSaysYesAndLogsNothing)
@@ -243,6 +245,8 @@ TEST_F(PathCommand, DeleteThatRootCouldDoFailsForAnUnprivilegedUser)
     EXPECT_EQ(user.standardOutput, "NO\n");
     EXPECT_TRUE(loggedCode(user, 1865)) << user.standardError;
     EXPECT_TRUE(sandbox.exists("/Library/Shared/file"));
+    EXPECT_NE(user.standardError.find("not removed: /Library/Shared/file: Permission denied"), std::string::npos)
+        << user.standardError;
     EXPECT_EQ(qelutil({"delete", "/Library/Shared/file", "1865"}).standardOutput, "YES\n");
     EXPECT_FALSE(sandbox.exists("/Library/Shared/file"));
 }
