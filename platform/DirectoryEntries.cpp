@@ -80,7 +80,7 @@ std::optional<DirectoryEntries::Entry> DirectoryEntries::next()
         if (!type) {
             continue;  // gone since the folder was read
         }
-        return Entry{entry->d_name, *type};
+        return Entry{entry->d_name, *type, entry->d_ino};
     }
 }
 

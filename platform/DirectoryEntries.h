@@ -4,6 +4,8 @@
 // The type comes from the directory entry itself where the file system gives
 // it (d_type); where it does not (DT_UNKNOWN) the entry is examined with
 // fstatat, a link not followed. An entry that is gone by then is skipped.
+// The inode number comes from the entry too (d_ino): entries of one file
+// system with the same number are links to one item.
 //
 // @code
 //   DirectoryEntries entries(folderFd);
@@ -17,6 +19,7 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <sys/types.h>
 
 #include "platform/PosixIO.h"
 
@@ -29,6 +32,7 @@ public:
     struct Entry {
         std::string_view name;  // valid until the next call of next()
         Type type = Type::Unknown;
+        ino_t inode = 0;  // the entry's d_ino
     };
 
     // Reads the folder open at `folderFd` from its start, through a stream

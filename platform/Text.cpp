@@ -156,8 +156,23 @@ bool isControlCharacter(unsigned char c)
 std::string escapingControlCharacters(std::string_view text, char quote)
 {
     std::string out;
-    for (const char character : text) {
-        const auto c = static_cast<unsigned char>(character);
+    appendEscapingControlCharacters(out, text, quote);
+    return out;
+}
+
+void appendEscapingControlCharacters(std::string& out, std::string_view text, char quote)
+{
+    const auto needsEscape = [quote](unsigned char c) {
+        return isControlCharacter(c) || c == '\\' || (quote != 0 && c == static_cast<unsigned char>(quote));
+    };
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (!needsEscape(c)) {
+            continue;
+        }
+        out.append(text.substr(start, i - start));
+        start = i + 1;
         if (c == '\r') {
             out += "\\r";
         } else if (c == '\n') {
@@ -168,14 +183,12 @@ std::string escapingControlCharacters(std::string_view text, char quote)
             std::array<char, 8> buffer{};
             std::snprintf(buffer.data(), buffer.size(), "\\x%02X", c);
             out += buffer.data();
-        } else if (c == '\\' || (quote != 0 && c == static_cast<unsigned char>(quote))) {
-            out.push_back('\\');
-            out.push_back(character);
         } else {
-            out.push_back(character);
+            out.push_back('\\');
+            out.push_back(text[i]);
         }
     }
-    return out;
+    out.append(text.substr(start));
 }
 
 const char* utf8StringOrNull(const std::optional<std::string>& text)

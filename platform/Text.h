@@ -41,6 +41,9 @@ bool isControlCharacter(unsigned char c);
 //   escapingControlCharacters("/x\n\x1B[2Ky")    gives  /x\n\x1B[2Ky  (one line)
 //   escapingControlCharacters("it's", '\'')      gives  it\'s
 std::string escapingControlCharacters(std::string_view text, char quote = 0);
+// The same appended to `out`: a run of bytes that need no escape is copied
+// whole, so a long text with none costs one copy.
+void appendEscapingControlCharacters(std::string& out, std::string_view text, char quote = 0);
 // What "%s" prints for a string that may be absent: the C library's "(null)".
 const char* utf8StringOrNull(const std::optional<std::string>& text);
 

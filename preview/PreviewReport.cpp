@@ -1,6 +1,8 @@
 #include "preview/PreviewReport.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <tuple>
 
@@ -10,41 +12,81 @@ namespace {
 
 using platform::OverlayChange;
 
-std::string itemsInside(uint64_t count)
+void appendItemsInside(std::string& out, uint64_t count)
 {
     if (count == 0) {
-        return "empty folder";
+        out += "empty folder";
+        return;
     }
-    return "folder, " + std::to_string(count) + (count == 1 ? " item inside" : " items inside");
+    out += "folder, ";
+    out += std::to_string(count);
+    out += count == 1 ? " item inside" : " items inside";
 }
 
-// "PATH", "PATH (folder, 3 items inside)", "PATH (link)"...
-std::string describe(const OverlayChange& change)
+// "PATH", "PATH (folder, 3 items inside)", "PATH (link)"... appended.
+void appendDescription(std::string& out, const OverlayChange& change)
 {
-    std::string text = PreviewReport::escapedPath(change.path);
+    platform::appendEscapingControlCharacters(out, change.path);
     switch (change.type) {
     case OverlayChange::Type::File: break;
     case OverlayChange::Type::Folder:
         if (change.kind != OverlayChange::Kind::Changed) {
-            text += " (" + itemsInside(change.itemsInside) + ")";
+            out += " (";
+            appendItemsInside(out, change.itemsInside);
+            out += ")";
         } else {
-            text += " (folder)";
+            out += " (folder)";
         }
         break;
-    case OverlayChange::Type::Link: text += " (link)"; break;
-    case OverlayChange::Type::Other: text += " (special file)"; break;
+    case OverlayChange::Type::Link: out += " (link)"; break;
+    case OverlayChange::Type::Other: out += " (special file)"; break;
     }
-    return text;
+}
+
+void appendHeading(std::string& out, const std::string& heading)
+{
+    out += "\n";
+    out += heading;
+    out += "\n";
 }
 
 void appendSection(std::string& out, const std::string& heading, const std::vector<std::string>& items)
 {
-    out += "\n" + heading + "\n";
+    appendHeading(out, heading);
     if (items.empty()) {
         out += "  nothing\n";
     }
     for (const std::string& item : items) {
-        out += "  " + item + "\n";
+        out += "  ";
+        out += item;
+        out += "\n";
+    }
+}
+
+// The changes of the kinds `wanted` asks for, one line each in `sorted`'s
+// order, "  nothing" when there are none.
+template <typename Wanted>
+void appendChanges(std::string& out, const std::string& heading, const std::vector<const OverlayChange*>& sorted,
+                   Wanted wanted)
+{
+    appendHeading(out, heading);
+    bool any = false;
+    for (const OverlayChange* change : sorted) {
+        if (!wanted(change->kind)) {
+            continue;
+        }
+        any = true;
+        out += "  ";
+        if (change->kind == OverlayChange::Kind::Created) {
+            out += "created ";
+        } else if (change->kind == OverlayChange::Kind::Changed) {
+            out += "changed ";
+        }
+        appendDescription(out, *change);
+        out += "\n";
+    }
+    if (!any) {
+        out += "  nothing\n";
     }
 }
 
@@ -107,9 +149,18 @@ std::string PreviewReport::text() const
 {
     std::string out = "Preview of RemoverTool";
     if (!removerArguments.empty()) {
-        out += " " + commandLine(removerArguments, 0);
+        out.push_back(' ');
+        out += commandLine(removerArguments, 0);
     }
     out += " (nothing was changed)\n";
+
+    // Every line printed and every change is one line of the report.
+    std::size_t size = removerOutput.size() +
+                       2 * static_cast<std::size_t>(std::count(removerOutput.begin(), removerOutput.end(), '\n'));
+    for (const OverlayChange& change : changes) {
+        size += change.path.size() + 48;
+    }
+    out.reserve(size + 4096);
 
     out += "\nRemoverTool would print:\n";
     std::size_t start = 0;
@@ -118,7 +169,9 @@ std::string PreviewReport::text() const
         if (end == std::string::npos) {
             end = removerOutput.size();
         }
-        out += "  " + escapedPath(std::string_view(removerOutput).substr(start, end - start)) + "\n";
+        out += "  ";
+        platform::appendEscapingControlCharacters(out, std::string_view(removerOutput).substr(start, end - start));
+        out += "\n";
         start = end + 1;
     }
     if (removerOutput.empty()) {
@@ -134,22 +187,19 @@ std::string PreviewReport::text() const
         out += "RemoverTool would exit with status " + std::to_string(removerStatus) + ".\n";
     }
 
-    std::vector<OverlayChange> sorted = changes;
-    std::sort(sorted.begin(), sorted.end(), [](const OverlayChange& a, const OverlayChange& b) {
-        return std::tie(a.path, a.kind) < std::tie(b.path, b.kind);
-    });
-    std::vector<std::string> removed;
-    std::vector<std::string> createdOrChanged;
-    for (const OverlayChange& change : sorted) {
-        if (change.kind == OverlayChange::Kind::Removed) {
-            removed.push_back(describe(change));
-        } else {
-            createdOrChanged.push_back((change.kind == OverlayChange::Kind::Created ? "created " : "changed ") +
-                                       describe(change));
-        }
+    // Sorted by path without copying the changes.
+    std::vector<const OverlayChange*> sorted;
+    sorted.reserve(changes.size());
+    for (const OverlayChange& change : changes) {
+        sorted.push_back(&change);
     }
-    appendSection(out, "Would remove:", removed);
-    appendSection(out, "Would create or change:", createdOrChanged);
+    std::sort(sorted.begin(), sorted.end(), [](const OverlayChange* a, const OverlayChange* b) {
+        return std::tie(a->path, a->kind) < std::tie(b->path, b->kind);
+    });
+    appendChanges(out, "Would remove:", sorted,
+                  [](OverlayChange::Kind kind) { return kind == OverlayChange::Kind::Removed; });
+    appendChanges(out, "Would create or change:", sorted,
+                  [](OverlayChange::Kind kind) { return kind != OverlayChange::Kind::Removed; });
 
     std::vector<std::string> commands;
     for (const platform::InheritedJournal::Record& call : calls) {

@@ -64,6 +64,24 @@ TEST_F(DirectoryEntriesTest, TheCallersDescriptorKeepsItsPlaceAndStaysOpen)
     EXPECT_EQ(::fstat(theFd, &status), 0);
 }
 
+TEST_F(DirectoryEntriesTest, GivesEachEntrysInodeNumberSoThatLinksToOneFileShareIt)
+{
+    ASSERT_EQ(::link(theDir.at("file").c_str(), theDir.at("second name").c_str()), 0);
+    std::map<std::string, ino_t> inodes;
+    DirectoryEntries entries(theFd);
+    while (const auto entry = entries.next()) {
+        inodes.emplace(std::string(entry->name), entry->inode);
+    }
+    ASSERT_FALSE(entries.error());
+    for (const auto& [name, inode] : inodes) {
+        struct stat status {};
+        ASSERT_EQ(::fstatat(theFd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW), 0) << name;
+        EXPECT_EQ(inode, status.st_ino) << name;
+    }
+    EXPECT_EQ(inodes.at("file"), inodes.at("second name"));
+    EXPECT_NE(inodes.at("file"), inodes.at("folder"));
+}
+
 TEST_F(DirectoryEntriesTest, AnEntryOfUnknownTypeIsExaminedWithoutFollowingIt)
 {
     // What next() does for a file system that gives no type in its entries.

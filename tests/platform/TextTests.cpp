@@ -10,9 +10,11 @@
 
 namespace {
 
+using platform::appendEscapingControlCharacters;
 using platform::componentsSeparatedByString;
 using platform::containsString;
 using platform::dataUsingUTF8Encoding;
+using platform::escapingControlCharacters;
 using platform::hasPrefix;
 using platform::integerValue;
 using platform::intValue;
@@ -256,6 +258,28 @@ TEST(HexDigitValue, OtherBytesAreMinusOne)
     EXPECT_EQ(platform::hexDigitValue('g'), -1);
     EXPECT_EQ(platform::hexDigitValue('%'), -1);
     EXPECT_EQ(platform::hexDigitValue('\0'), -1);
+}
+
+TEST(EscapingControlCharacters, ShowsControlCharactersBackslashesAndTheQuoteAndKeepsTheRest)
+{
+    EXPECT_EQ(escapingControlCharacters("/x\n\x1B[2Ky"), "/x\\n\\x1B[2Ky");
+    EXPECT_EQ(escapingControlCharacters("a\rb\tc\x7F\\d"), "a\\rb\\tc\\x7F\\\\d");
+    EXPECT_EQ(escapingControlCharacters("it's"), "it's");
+    EXPECT_EQ(escapingControlCharacters("it's", '\''), "it\\'s");
+    EXPECT_EQ(escapingControlCharacters("caf\xC3\xA9"), "caf\xC3\xA9");
+    EXPECT_EQ(escapingControlCharacters(""), "");
+}
+
+TEST(AppendEscapingControlCharacters, AppendsWhatEscapingGivesAfterWhatIsThere)
+{
+    for (const std::string text : {"plain", "\nfirst", "last\x01", "a\\b\\", "\t\t", ""}) {
+        std::string out = "before ";
+        appendEscapingControlCharacters(out, text);
+        EXPECT_EQ(out, "before " + escapingControlCharacters(text)) << text;
+    }
+    std::string quoted = ">";
+    appendEscapingControlCharacters(quoted, "'a'", '\'');
+    EXPECT_EQ(quoted, ">\\'a\\'");
 }
 
 }  // namespace

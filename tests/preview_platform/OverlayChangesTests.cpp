@@ -396,6 +396,26 @@ TEST_F(OverlayChangesTest, OtherItemsAreOfTheOtherTypeAndOnlyADeviceZeroZeroIsAW
                                  {kCreated, "/pipe", Type::Other, 0}}));
 }
 
+TEST_F(OverlayChangesTest, WhiteoutsLinkedToOneDeviceAreEachARemovedItemBesideOtherDevices)
+{
+    // The overlay links every whiteout to one device 0/0 of its own.
+    writeFile(lower("first"), "1");
+    writeFile(lower("Folder/second"), "2");
+    makeFolder(lower("Folder/Old"));
+    writeFile(lower("Folder/Old/inside"), "3");
+    writeFile(lower("Folder/null"), "was a file");
+    makeFolder(upper("Folder"));
+    makeWhiteout(upper("first"));
+    ASSERT_EQ(::link(upper("first").c_str(), upper("Folder/second").c_str()), 0);
+    ASSERT_EQ(::link(upper("first").c_str(), upper("Folder/Old").c_str()), 0);
+    ASSERT_EQ(::mknod(upper("Folder/null").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    EXPECT_EQ(changes(), sorted({{kRemoved, "/first", Type::File, 0},
+                                 {kRemoved, "/Folder/second", Type::File, 0},
+                                 {kRemoved, "/Folder/Old", Type::Folder, 1},
+                                 {kCreated, "/Folder/null", Type::Other, 0},
+                                 {kRemoved, "/Folder/null", Type::File, 0}}));
+}
+
 // Where the overlay is mounted, and the paths its changes then have.
 struct MountPointCase {
     std::string name;
