@@ -15,6 +15,7 @@
 
 #include "platform/FileAttributeDictionary.h"
 #include "platform/FileManager.h"
+#include "tests/support/DeepTree.h"
 #include "tests/support/FileModes.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
@@ -174,19 +175,10 @@ TEST_F(ItemHandleTest, AMissingItemOrAnEmptyPathIsNotOpened)
 TEST_F(ItemHandleTest, AnItemBelowAPathLongerThanTheSystemLimitIsOpenedAndChanged)
 {
     // Made through descriptors, which no path length limits.
-    const std::string name(200, 'd');
-    std::string path = theDir.path();
-    int folder = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_GE(folder, 0);
-    while (path.size() <= 5000) {
-        ASSERT_EQ(::mkdirat(folder, name.c_str(), 0755), 0);
-        const int next = ::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        ::close(folder);
-        ASSERT_GE(next, 0);
-        folder = next;
-        path += "/" + name;
-    }
-    const int file = ::openat(folder, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    std::string path;
+    const testsupport::Descriptor folder = testsupport::buildLongPath(theDir.path(), 5000, path);
+    ASSERT_TRUE(folder.isOpen());
+    const int file = ::openat(folder.get(), "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_GE(file, 0);
     ::close(file);
 
@@ -194,9 +186,8 @@ TEST_F(ItemHandleTest, AnItemBelowAPathLongerThanTheSystemLimitIsOpenedAndChange
     ASSERT_TRUE(item);
     EXPECT_FALSE(item->changeMode(0640));
     struct stat status {};
-    ASSERT_EQ(::fstatat(folder, "file", &status, AT_SYMLINK_NOFOLLOW), 0);
+    ASSERT_EQ(::fstatat(folder.get(), "file", &status, AT_SYMLINK_NOFOLLOW), 0);
     EXPECT_EQ(status.st_mode & 07777, 0640U);
-    ::close(folder);
 }
 
 TEST(ItemHandle, TheModeOfAProtectedFolderOrOfAnItemInTheSystemsTreesIsLeftAlone)

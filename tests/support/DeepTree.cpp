@@ -33,6 +33,21 @@ bool buildChain(const std::string& path, int depth, const std::function<bool(int
     return top.isOpen() && buildChain(top.get(), depth, atLevel);
 }
 
+Descriptor buildLongPath(const std::string& top, std::size_t length, std::string& path)
+{
+    const std::string name(250, 'd');
+    path = top;
+    Descriptor folder = openFolder(top);
+    while (folder.isOpen() && path.size() <= length) {
+        if (::mkdirat(folder.get(), name.c_str(), 0755) != 0) {
+            return Descriptor();
+        }
+        folder = Descriptor(::openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        path += "/" + name;
+    }
+    return folder;
+}
+
 bool makeFileAt(int folder, const char* name)
 {
     const int file = ::openat(folder, name, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
