@@ -81,9 +81,9 @@ TEST(User, AnIdWithoutAnEntryIsAskedAgainEveryTime)
     }
     static_cast<void>(homeDirectory());
     // An id that the password database does not know.
-    const uid_t unknown = 43210;
+    constexpr uid_t unknown = 43210;
     ASSERT_EQ(getpwuid(unknown), nullptr);
-    const auto becomeUnknown = [unknown] { return ::setresuid(unknown, unknown, unknown) == 0; };
+    const auto becomeUnknown = [] { return ::setresuid(unknown, unknown, unknown) == 0; };
     const auto askTwice = [] {
         const uint64_t before = platform::effectiveUserEntryLookUpCount();
         const bool none = homeDirectory().empty() && homeDirectory().empty();
