@@ -113,9 +113,14 @@ std::optional<Bundle> Bundle::mainBundle()
     return theMainBundle;
 }
 
+std::string Bundle::infoDictionaryPath() const
+{
+    return appendingPathComponents(thePath, {"Contents", "Info.plist"});
+}
+
 std::optional<PropertyList> Bundle::infoDictionary() const
 {
-    return PropertyList::dictionaryWithContentsOfFile(appendingPathComponents(thePath, {"Contents", "Info.plist"}));
+    return PropertyList::dictionaryWithContentsOfFile(infoDictionaryPath());
 }
 
 std::optional<PropertyList> Bundle::objectForInfoDictionaryKey(std::string_view key) const
@@ -133,8 +138,17 @@ std::optional<PropertyList> Bundle::objectForInfoDictionaryKey(std::string_view 
 
 std::optional<std::string> Bundle::bundleIdentifier() const
 {
-    const auto value = objectForInfoDictionaryKey("CFBundleIdentifier");
-    if (!value || value->asString() == nullptr) {
+    const auto info = infoDictionary();
+    if (!info) {
+        return std::nullopt;
+    }
+    return identifierInInfoDictionary(*info);
+}
+
+std::optional<std::string> Bundle::identifierInInfoDictionary(const PropertyList& info)
+{
+    const PropertyList* value = info.objectForKey("CFBundleIdentifier");
+    if (value == nullptr || value->asString() == nullptr) {
         return std::nullopt;
     }
     return *value->asString();

@@ -23,11 +23,15 @@ public:
     static std::optional<Bundle> mainBundle();
 
     const std::string& bundlePath() const noexcept { return thePath; }
+    // Contents/Info.plist, whether or not it exists.
+    std::string infoDictionaryPath() const;
     // Contents/Info.plist as a dictionary; none when missing or unreadable.
     std::optional<PropertyList> infoDictionary() const;
     std::optional<PropertyList> objectForInfoDictionaryKey(std::string_view key) const;
     // CFBundleIdentifier when it is a string.
     std::optional<std::string> bundleIdentifier() const;
+    // What bundleIdentifier makes of an info dictionary read elsewhere.
+    static std::optional<std::string> identifierInInfoDictionary(const PropertyList& info);
     // Contents/Resources/<name>.<type> (then English.lproj/), when it exists.
     std::optional<std::string> pathForResource(std::string_view name, std::string_view type) const;
     // From English.lproj/Localizable.strings, read once per process; the key

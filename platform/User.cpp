@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
 #include <vector>
 
 namespace platform {
@@ -39,12 +40,36 @@ std::optional<PasswordEntry> lookUpEntry(Lookup lookup)
     }
 }
 
+// The effective user's entry, as last found, and the id it belongs to.
+// Guarded by gEffectiveUserMutex.
+std::mutex gEffectiveUserMutex;
+std::optional<uid_t> gEffectiveUserID;
+PasswordEntry gEffectiveUserEntry;
+uint64_t gEffectiveUserLookUpCount = 0;
+
+// The entry is looked up once per effective user id and then kept: the
+// account of a user with a running process is not changed (usermod refuses
+// while the user has processes, and this process is one of them), so its
+// name and home folder stay what they were for as long as the process runs
+// as that user. The id itself may change (a child that gives up root), and
+// then the entry is looked up again. An id without an entry is asked again
+// every time, since an account may be added meanwhile.
 std::optional<PasswordEntry> effectiveUserEntry()
 {
     const uid_t uid = geteuid();
-    return lookUpEntry([uid](passwd* entry, char* buffer, std::size_t size, passwd** found) {
-        return getpwuid_r(uid, entry, buffer, size, found);
+    const std::lock_guard<std::mutex> lock(gEffectiveUserMutex);
+    if (gEffectiveUserID == uid) {
+        return gEffectiveUserEntry;
+    }
+    ++gEffectiveUserLookUpCount;
+    auto entry = lookUpEntry([uid](passwd* found, char* buffer, std::size_t size, passwd** result) {
+        return getpwuid_r(uid, found, buffer, size, result);
     });
+    if (entry) {
+        gEffectiveUserID = uid;
+        gEffectiveUserEntry = *entry;
+    }
+    return entry;
 }
 
 }  // namespace
@@ -52,6 +77,12 @@ std::optional<PasswordEntry> effectiveUserEntry()
 uint32_t effectiveUserID()
 {
     return ::geteuid();
+}
+
+uint64_t effectiveUserEntryLookUpCount()
+{
+    const std::lock_guard<std::mutex> lock(gEffectiveUserMutex);
+    return gEffectiveUserLookUpCount;
 }
 
 std::string userName()

@@ -1,6 +1,7 @@
 // The running user, taken from the password database's entry for the
 // effective user id, and the user-domain search paths. The one place the
-// password database is read.
+// password database is read. The effective user's entry is looked up once
+// per effective user id and kept for the process (see User.cpp).
 #pragma once
 
 #include <cstdint>
@@ -14,6 +15,9 @@ enum class SearchPathDirectory : unsigned { Library = 5 };
 enum class SearchPathDomainMask : unsigned { User = 1 };
 
 std::string userName();
+// How many times the password database has been asked for the effective
+// user's entry in this process; tests use it to see that the entry is kept.
+uint64_t effectiveUserEntryLookUpCount();
 // The effective user id of this process (0 for root).
 uint32_t effectiveUserID();
 std::string homeDirectory();

@@ -143,26 +143,44 @@ std::optional<PropertyList> UserDefaults::objectForKey(std::string_view key) con
         }
     }
     const std::string folder = preferencesDirectory();
-    const auto mainBundle = Bundle::mainBundle();
-    const auto identifier = mainBundle ? mainBundle->bundleIdentifier() : std::nullopt;
+    const auto identifier = applicationIdentifier();
     if (identifier && !identifier->empty()) {
-        auto value = valueInDomain(storedDomain(appendingPathComponent(folder, *identifier + ".plist")), key);
+        auto value = valueInDomain(cachedDictionary(appendingPathComponent(folder, *identifier + ".plist"),
+                                                    theStoredDomains, theStoredDomainReadCount),
+                                   key);
         if (value) {
             return value;
         }
     }
-    return valueInDomain(storedDomain(appendingPathComponent(folder, ".GlobalPreferences.plist")), key);
+    return valueInDomain(cachedDictionary(appendingPathComponent(folder, ".GlobalPreferences.plist"), theStoredDomains,
+                                          theStoredDomainReadCount),
+                         key);
 }
 
-std::shared_ptr<const PropertyList> UserDefaults::storedDomain(const std::string& path) const
+std::optional<std::string> UserDefaults::applicationIdentifier() const
+{
+    const auto mainBundle = Bundle::mainBundle();
+    if (!mainBundle) {
+        return std::nullopt;
+    }
+    const auto info =
+        cachedDictionary(mainBundle->infoDictionaryPath(), theMainBundleInfo, theApplicationIdentifierReadCount);
+    if (!info) {
+        return std::nullopt;
+    }
+    return Bundle::identifierInInfoDictionary(*info);
+}
+
+std::shared_ptr<const PropertyList> UserDefaults::cachedDictionary(const std::string& path, DictionaryCache& cache,
+                                                                   uint64_t& readCount) const
 {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
         const std::lock_guard<std::mutex> lock(theMutex);
-        theStoredDomains.erase(path);
+        cache.erase(path);
         return nullptr;
     }
-    StoredDomain identity;
+    CachedDictionary identity;
     identity.device = static_cast<uint64_t>(status.st_dev);
     identity.inode = static_cast<uint64_t>(status.st_ino);
     identity.modificationNanoseconds = nanosecondsOf(status.st_mtim);
@@ -170,9 +188,9 @@ std::shared_ptr<const PropertyList> UserDefaults::storedDomain(const std::string
     identity.size = static_cast<int64_t>(status.st_size);
     {
         const std::lock_guard<std::mutex> lock(theMutex);
-        const auto found = theStoredDomains.find(path);
-        if (found != theStoredDomains.end()) {
-            const StoredDomain& cached = found->second;
+        const auto found = cache.find(path);
+        if (found != cache.end()) {
+            const CachedDictionary& cached = found->second;
             if (cached.device == identity.device && cached.inode == identity.inode &&
                 cached.modificationNanoseconds == identity.modificationNanoseconds &&
                 cached.changeNanoseconds == identity.changeNanoseconds && cached.size == identity.size) {
@@ -188,8 +206,8 @@ std::shared_ptr<const PropertyList> UserDefaults::storedDomain(const std::string
     }
     std::shared_ptr<const PropertyList> contents = identity.contents;
     const std::lock_guard<std::mutex> lock(theMutex);
-    ++theStoredDomainReadCount;
-    theStoredDomains.insert_or_assign(path, std::move(identity));
+    ++readCount;
+    cache.insert_or_assign(path, std::move(identity));
     return contents;
 }
 
@@ -197,6 +215,12 @@ uint64_t UserDefaults::storedDomainReadCount() const
 {
     const std::lock_guard<std::mutex> lock(theMutex);
     return theStoredDomainReadCount;
+}
+
+uint64_t UserDefaults::applicationIdentifierReadCount() const
+{
+    const std::lock_guard<std::mutex> lock(theMutex);
+    return theApplicationIdentifierReadCount;
 }
 
 std::optional<std::string> UserDefaults::stringForKey(std::string_view key) const

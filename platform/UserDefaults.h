@@ -2,7 +2,8 @@
 // pairs), then the application domain
 // (~/Library/Preferences/<main bundle identifier>.plist), then the global
 // domain (~/Library/Preferences/.GlobalPreferences.plist). Every look-up sees
-// the stored domains as they are on disk now; a domain file is read and
+// the stored domains, and the main bundle's Info.plist that names the
+// application domain, as they are on disk now; such a file is read and
 // parsed again only when it has changed (another file at the path, or a new
 // modification time, change time or size), since a setting such as the log
 // level is asked for on every logged line.
@@ -65,11 +66,14 @@ public:
     // How many times a stored domain file has been read and parsed in this
     // process; tests use it to see that an unchanged file is not read again.
     uint64_t storedDomainReadCount() const;
+    // How many times the main bundle's Info.plist has been read and parsed
+    // for the application domain's name in this process.
+    uint64_t applicationIdentifierReadCount() const;
 
 private:
-    // A stored domain as last read, and the identity of the file it came
+    // A dictionary file as last read, and the identity of the file it came
     // from.
-    struct StoredDomain {
+    struct CachedDictionary {
         uint64_t device = 0;
         uint64_t inode = 0;
         int64_t modificationNanoseconds = 0;
@@ -80,17 +84,25 @@ private:
     };
 
     UserDefaults();
+    using DictionaryCache = std::map<std::string, CachedDictionary, std::less<>>;
+
     const PropertyList::Dictionary& argumentDomainLocked() const;
-    // The stored domain at path, from the cache while the file is unchanged;
-    // null when there is no file or it holds no dictionary.
-    std::shared_ptr<const PropertyList> storedDomain(const std::string& path) const;
+    // The dictionary file at path, from cache while the file is unchanged,
+    // else read, kept there and counted in readCount; null when there is no
+    // file or it holds no dictionary.
+    std::shared_ptr<const PropertyList> cachedDictionary(const std::string& path, DictionaryCache& cache,
+                                                         uint64_t& readCount) const;
+    // The main bundle's identifier, which names the application domain.
+    std::optional<std::string> applicationIdentifier() const;
 
     mutable std::mutex theMutex;
     mutable bool theArgumentDomainIsSet = false;
     mutable PropertyList::Dictionary theArgumentDomain;
     std::optional<std::string> thePreferencesDirectoryForTesting;
-    mutable std::map<std::string, StoredDomain, std::less<>> theStoredDomains;
+    mutable DictionaryCache theStoredDomains;
     mutable uint64_t theStoredDomainReadCount = 0;
+    mutable DictionaryCache theMainBundleInfo;
+    mutable uint64_t theApplicationIdentifierReadCount = 0;
 };
 
 }  // namespace platform

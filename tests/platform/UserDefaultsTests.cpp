@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Bundle.h"
 #include "platform/ProcessInfo.h"
 #include "platform/PropertyList.h"
 #include "platform/User.h"
@@ -21,6 +22,14 @@ using platform::UserDefaults;
 
 constexpr const char* kChildVariable = "PLATFORM_TESTS_USER_DEFAULTS_CHILD";
 constexpr const char* kPreferencesVariable = "PLATFORM_TESTS_PREFERENCES";
+
+PropertyList::Dictionary probeInfo(const std::string& identifier)
+{
+    PropertyList::Dictionary info;
+    info.emplace("CFBundleIdentifier", PropertyList::string(identifier));
+    info.emplace("CFBundleExecutable", PropertyList::string("probe"));
+    return info;
+}
 
 PropertyList::Dictionary strings(const std::vector<std::pair<std::string, std::string>>& pairs)
 {
@@ -267,11 +276,8 @@ TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlo
     }
     testsupport::TempDir dir;
     const std::string app = dir.at("Probe.app");
-    PropertyList::Dictionary info;
-    info.emplace("CFBundleIdentifier", PropertyList::string("com.example.probe"));
-    info.emplace("CFBundleExecutable", PropertyList::string("probe"));
     testsupport::makeDirectories(app + "/Contents");
-    writeDomain(app + "/Contents/Info.plist", info);
+    writeDomain(app + "/Contents/Info.plist", probeInfo("com.example.probe"));
     testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
 
     const std::string folder = dir.at("Preferences");
@@ -333,6 +339,51 @@ TEST_F(UserDefaultsTest, ARemovedStoredDomainIsNoLongerSeen)
     EXPECT_EQ(defaults().integerForKey("LogLevel"), 0);
     writeDomain(globalDomainPath(), strings({{"LogLevel", "1"}}));
     EXPECT_EQ(defaults().integerForKey("LogLevel"), 1);
+}
+
+}  // namespace
+
+namespace {
+
+// The main bundle's Info.plist, which names the application domain, is read
+// again only when it has changed -----------------------------------------
+
+TEST(UserDefaultsApplicationDomain, AnUnchangedInfoIsReadOnceAndAChangedOneAgain)
+{
+    const std::string preferences = testsupport::environmentValue(kPreferencesVariable);
+    if (!preferences.empty()) {
+        auto& defaults = UserDefaults::standardUserDefaults();
+        defaults.setPreferencesDirectoryForTesting(preferences);
+        defaults.setArgumentDomainFromArguments({});
+        const uint64_t before = defaults.applicationIdentifierReadCount();
+        for (int i = 0; i < 100; ++i) {
+            ASSERT_EQ(defaults.stringForKey("AppOnly"), "probe");
+        }
+        EXPECT_LE(defaults.applicationIdentifierReadCount() - before, 1U);
+
+        const auto mainBundle = platform::Bundle::mainBundle();
+        ASSERT_TRUE(mainBundle.has_value());
+        const uint64_t unchanged = defaults.applicationIdentifierReadCount();
+        writeDomain(mainBundle->infoDictionaryPath(), probeInfo("com.example.renamed"));
+        EXPECT_EQ(defaults.stringForKey("AppOnly"), "renamed");
+        EXPECT_EQ(defaults.stringForKey("AppOnly"), "renamed");
+        EXPECT_EQ(defaults.applicationIdentifierReadCount() - unchanged, 1U);
+        return;
+    }
+    testsupport::TempDir dir;
+    const std::string app = dir.at("Probe.app");
+    testsupport::makeDirectories(app + "/Contents");
+    writeDomain(app + "/Contents/Info.plist", probeInfo("com.example.probe"));
+    testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
+
+    const std::string folder = dir.at("Preferences");
+    testsupport::makeDirectories(folder);
+    writeDomain(folder + "/com.example.probe.plist", strings({{"AppOnly", "probe"}}));
+    writeDomain(folder + "/com.example.renamed.plist", strings({{"AppOnly", "renamed"}}));
+
+    EXPECT_EQ(testsupport::runRunningTestIn(app + "/Contents/MacOS/probe",
+                                            {std::string(kPreferencesVariable) + "=" + folder}),
+              0);
 }
 
 }  // namespace

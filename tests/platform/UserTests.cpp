@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/RunUnprivileged.h"
+
 namespace {
 
 using platform::homeDirectory;
@@ -43,6 +45,51 @@ TEST(User, HomeDirectoryIgnoresTheHomeVariable)
     const std::string expected = effectiveUserEntry().pw_dir;
     ASSERT_EQ(setenv("HOME", "/nonexistent/elsewhere", 1), 0);
     EXPECT_EQ(homeDirectory(), expected);
+}
+
+TEST(User, TheEffectiveUsersEntryIsLookedUpOnceForManyCalls)
+{
+    const std::string home = homeDirectory();
+    const uint64_t before = platform::effectiveUserEntryLookUpCount();
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(homeDirectory(), home);
+        ASSERT_EQ(userName(), std::string(effectiveUserEntry().pw_name));
+    }
+    EXPECT_EQ(platform::effectiveUserEntryLookUpCount(), before);
+}
+
+TEST(User, TheEntryFollowsAChangeOfTheEffectiveUser)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to become another user";
+    }
+    const std::string rootHome = homeDirectory();
+    const passwd* nobody = getpwuid(testsupport::kUnprivilegedUser);
+    ASSERT_NE(nobody, nullptr);
+    const std::string nobodyHome = nobody->pw_dir;
+    const std::string nobodyName = nobody->pw_name;
+    ASSERT_NE(nobodyHome, rootHome);
+    EXPECT_EQ(
+        testsupport::runUnprivileged([&] { return homeDirectory() == nobodyHome && userName() == nobodyName ? 0 : 1; }),
+        0);
+}
+
+TEST(User, AnIdWithoutAnEntryIsAskedAgainEveryTime)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to take an unknown id";
+    }
+    static_cast<void>(homeDirectory());
+    // An id that the password database does not know.
+    constexpr uid_t unknown = 43210;
+    ASSERT_EQ(getpwuid(unknown), nullptr);
+    const auto becomeUnknown = [] { return ::setresuid(unknown, unknown, unknown) == 0; };
+    const auto askTwice = [] {
+        const uint64_t before = platform::effectiveUserEntryLookUpCount();
+        const bool none = homeDirectory().empty() && homeDirectory().empty();
+        return none && platform::effectiveUserEntryLookUpCount() - before == 2 ? 0 : 1;
+    };
+    EXPECT_EQ(testsupport::runInChild(becomeUnknown, askTwice), 0);
 }
 
 TEST(User, HomeDirectoryForNamedUser)
