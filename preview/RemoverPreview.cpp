@@ -207,6 +207,99 @@ std::string readChanges(const platform::OverlayRoot& root, PreviewReport& report
 
 }  // namespace
 
+namespace {
+
+// Why the preview stopped before its report, and the exit status that says
+// so; an empty reason for none.
+struct Stop {
+    int status = 0;
+    std::string reason;
+};
+
+// Step one: the view entered, with the bundle's parts checked and the
+// stand-ins placed in it, and the working folder there too.
+std::optional<platform::OverlayRoot> enterView(const BundleParts& parts, const std::string& workingFolder, Stop& stop)
+{
+    platform::OverlayRoot::Failure failure;
+    std::optional<platform::OverlayRoot> root = platform::OverlayRoot::enter(kWorkFolder, &failure);
+    if (!root) {
+        const bool unsupported = failure.kind != platform::OverlayRoot::FailureKind::SetUp;
+        stop = {unsupported ? RemoverPreview::kCannotPreviewHere : RemoverPreview::kFailed, failure.message()};
+        return std::nullopt;
+    }
+    const platform::FileManager& files = platform::FileManager::defaultManager();
+    for (const std::string& part : {parts.remover, parts.firstProcess, parts.recordingTool, parts.recordingLibrary}) {
+        if (!files.fileExistsAtPath(part)) {
+            stop = {RemoverPreview::kFailed, "the bundle has no " + part};
+            return std::nullopt;
+        }
+    }
+    if (std::string reason = placeStandIns(*root, parts); !reason.empty()) {
+        stop = {RemoverPreview::kFailed, std::move(reason)};
+        return std::nullopt;
+    }
+    bool isFolder = false;
+    if (!files.fileExistsAtPath(workingFolder, &isFolder) || !isFolder) {
+        stop = {RemoverPreview::kFailed, "the working folder " + workingFolder + " is not there in the preview"};
+        return std::nullopt;
+    }
+    return root;
+}
+
+// Step two: the remover run in the view, as the first process of a PID
+// namespace of its own, its stand-ins' records in `journal`.
+std::optional<RunOutcome> runInView(platform::OverlayRoot& root, const BundleParts& parts,
+                                    const PreviewRequest& request, const std::string& workingFolder,
+                                    std::optional<platform::InheritedJournal>& journal, Stop& stop)
+{
+    std::error_code error;
+    journal = platform::InheritedJournal::create(&error);
+    if (!journal) {
+        stop = {RemoverPreview::kFailed, "cannot make the stand-ins' journal: " + error.message()};
+        return std::nullopt;
+    }
+    if (!root.separateProcesses(&error)) {
+        stop = {RemoverPreview::kCannotPreviewHere, "cannot make a PID namespace: " + error.message()};
+        return std::nullopt;
+    }
+    RunOutcome outcome = runFirstProcess(parts, request, *journal, workingFolder);
+    // Whatever happened, this process goes on making processes beside it.
+    if (!root.rejoinProcesses(&error)) {
+        stop = {RemoverPreview::kFailed, "cannot return to this process's PID namespace: " + error.message()};
+        return std::nullopt;
+    }
+    if (!outcome.launchFailure.empty()) {
+        stop = {RemoverPreview::kFailed, outcome.launchFailure};
+        return std::nullopt;
+    }
+    return outcome;
+}
+
+// Step three: the report of what the run printed, what the stand-ins were
+// asked and what changed in the view.
+std::optional<PreviewReport> collect(const platform::OverlayRoot& root, const PreviewRequest& request,
+                                     const RunOutcome& outcome, platform::InheritedJournal& journal, Stop& stop)
+{
+    PreviewReport report;
+    report.removerArguments = request.removerArguments;
+    report.removerOutput = outcome.output;
+    if (outcome.stopped) {
+        report.stoppedAfterSeconds = request.timeLimitSeconds;
+    }
+    std::string reason = readJournal(journal, outcome.stopped, report);
+    if (reason.empty()) {
+        reason = readChanges(root, report);
+    }
+    if (!reason.empty()) {
+        stop = {RemoverPreview::kFailed, std::move(reason)};
+        return std::nullopt;
+    }
+    report.readOnlyMounts = root.readOnlyMounts();
+    return report;
+}
+
+}  // namespace
+
 int RemoverPreview::run(const std::vector<std::string>& arguments, std::FILE* output, std::FILE* console)
 {
     platform::ProcessInfo::closeInheritedDescriptors();
@@ -226,60 +319,20 @@ int RemoverPreview::run(const std::vector<std::string>& arguments, std::FILE* ou
     // The remover resolves a relative application path against it.
     const std::string workingFolder = platform::ProcessInfo::currentDirectoryPath().value_or("/");
 
-    platform::OverlayRoot::Failure failure;
-    std::optional<platform::OverlayRoot> root = platform::OverlayRoot::enter(kWorkFolder, &failure);
-    if (!root) {
-        const bool unsupported = failure.kind != platform::OverlayRoot::FailureKind::SetUp;
-        return cannotPreview(console, unsupported ? kCannotPreviewHere : kFailed, failure.message());
+    Stop stop;
+    std::optional<platform::OverlayRoot> root = enterView(parts, workingFolder, stop);
+    std::optional<platform::InheritedJournal> journal;
+    const std::optional<RunOutcome> outcome =
+        root ? runInView(*root, parts, *request, workingFolder, journal, stop) : std::nullopt;
+    const std::optional<PreviewReport> report =
+        outcome ? collect(*root, *request, *outcome, *journal, stop) : std::nullopt;
+    if (!report) {
+        return cannotPreview(console, stop.status, stop.reason);
     }
-    const platform::FileManager& files = platform::FileManager::defaultManager();
-    for (const std::string& part : {parts.remover, parts.firstProcess, parts.recordingTool, parts.recordingLibrary}) {
-        if (!files.fileExistsAtPath(part)) {
-            return cannotPreview(console, kFailed, "the bundle has no " + part);
-        }
-    }
-    if (const std::string reason = placeStandIns(*root, parts); !reason.empty()) {
-        return cannotPreview(console, kFailed, reason);
-    }
-    bool isFolder = false;
-    if (!files.fileExistsAtPath(workingFolder, &isFolder) || !isFolder) {
-        return cannotPreview(console, kFailed, "the working folder " + workingFolder + " is not there in the preview");
-    }
-
-    std::error_code error;
-    std::optional<platform::InheritedJournal> journal = platform::InheritedJournal::create(&error);
-    if (!journal) {
-        return cannotPreview(console, kFailed, "cannot make the stand-ins' journal: " + error.message());
-    }
-    if (!root->separateProcesses(&error)) {
-        return cannotPreview(console, kCannotPreviewHere, "cannot make a PID namespace: " + error.message());
-    }
-    const RunOutcome outcome = runFirstProcess(parts, *request, *journal, workingFolder);
-    // Whatever happened, this process goes on making processes beside it.
-    if (!root->rejoinProcesses(&error)) {
-        return cannotPreview(console, kFailed, "cannot return to this process's PID namespace: " + error.message());
-    }
-    if (!outcome.launchFailure.empty()) {
-        return cannotPreview(console, kFailed, outcome.launchFailure);
-    }
-
-    PreviewReport report;
-    report.removerArguments = request->removerArguments;
-    report.removerOutput = outcome.output;
-    if (outcome.stopped) {
-        report.stoppedAfterSeconds = request->timeLimitSeconds;
-    }
-    if (const std::string reason = readJournal(*journal, outcome.stopped, report); !reason.empty()) {
-        return cannotPreview(console, kFailed, reason);
-    }
-    if (const std::string reason = readChanges(*root, report); !reason.empty()) {
-        return cannotPreview(console, kFailed, reason);
-    }
-    report.readOnlyMounts = root->readOnlyMounts();
-    if (std::fputs(report.text().c_str(), output) < 0 || std::fflush(output) != 0 || std::ferror(output) != 0) {
+    if (std::fputs(report->text().c_str(), output) < 0 || std::fflush(output) != 0 || std::ferror(output) != 0) {
         return cannotPreview(console, kFailed, "cannot write the report");
     }
-    return outcome.stopped ? kStoppedAtTimeLimit : kPreviewRan;
+    return outcome->stopped ? kStoppedAtTimeLimit : kPreviewRan;
 }
 
 bool RemoverPreview::isFirstProcessOfAPreview()
