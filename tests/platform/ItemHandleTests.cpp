@@ -146,9 +146,7 @@ TEST_F(ItemHandleTest, AFifoIsChangedWithoutWaitingForAWriter)
 
 TEST_F(ItemHandleTest, ADeviceIsNeitherOpenedNorChanged)
 {
-    if (::geteuid() != 0) {
-        GTEST_FAIL() << "making a device node needs root; the suite runs as root";
-    }
+    ASSERT_EQ(::geteuid(), 0U) << "making a device node needs root; the suite runs as root";
     // A device node of the null device in the test's own folder.
     ASSERT_EQ(::mknod(theDir.at("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
     ASSERT_EQ(::chmod(theDir.at("null").c_str(), 0666), 0);
