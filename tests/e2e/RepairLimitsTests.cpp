@@ -126,6 +126,34 @@ TEST_P(RepairLimitsTest, FoldersAreStillMadeBelowAFolderOfTheUsersOwn)
     EXPECT_EQ(result.standardOutput, "YES\n755\n700\n700\n") << result.standardError;
 }
 
+TEST_P(RepairLimitsTest, AFinalLinkIsNotFollowedAndWhatItLeadsToKeepsItsMode)
+{
+    const RunResult result = script(": >/root/open && chmod 0666 /root/open && ln -s /root/open /root/link && "
+                                    "\"$0\" path-ok /root/link; stat -c %a /root/open");
+    EXPECT_EQ(result.standardOutput, "NO\n666\n") << result.standardError;
+}
+
+TEST_P(RepairLimitsTest, DotDotAtTheEndNamesTheProtectedFolderAboveAndItKeepsItsMode)
+{
+    const RunResult result = script("chmod 1777 /tmp && mkdir -p /tmp/x && \"$0\" path-ok /tmp/x/..; stat -c %a /tmp");
+    EXPECT_EQ(result.standardOutput, "NO\n1777\n") << result.standardError;
+    EXPECT_TRUE(contains(result.standardError, leftAsItIs("/tmp/x/..", "a protected system folder")))
+        << result.standardError;
+}
+
+TEST_P(RepairLimitsTest, AProtectedFolderReachedThroughABindMountOfItsDiskKeepsItsMode)
+{
+    // /Applications/LibraryView shows /Library again, on the same disk.
+    theSandbox.makeDirectory("/Library/Fonts");
+    theSandbox.bindFolder("/Library", "/Applications/LibraryView");
+    const RunResult result = script("chmod 0777 /Library/Fonts && \"$0\" path-ok /Applications/LibraryView/Fonts; "
+                                    "stat -c %a /Library/Fonts");
+    EXPECT_EQ(result.standardOutput, "NO\n777\n") << result.standardError;
+    EXPECT_TRUE(
+        contains(result.standardError, "the permissions of /Applications/LibraryView/Fonts are left as they are"))
+        << result.standardError;
+}
+
 INSTANTIATE_TEST_SUITE_P(RepairLimits, RepairLimitsTest, testing::Values(Layout::SeparateMounts, Layout::SingleDisk),
                          [](const testing::TestParamInfo<Layout>& info) { return layoutName(info.param); });
 
