@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "tests/support/Descriptor.h"
+#include "tests/support/FolderSwapper.h"
 #include "tests/support/Lines.h"
 #include "tests/support/RemoverFixture.h"
 #include "tests/support/RunUnprivileged.h"
@@ -371,87 +372,6 @@ INSTANTIATE_TEST_SUITE_P(EntryPointsInBothLayouts, LongPathTest,
                              return std::string(title(std::get<0>(info.param))) + "_" +
                                     layoutName(std::get<1>(info.param));
                          });
-
-// An unprivileged user who owns a folder in the middle of a listed path and,
-// from outside the sandbox, swaps it with a link beside it in a tight loop
-// (one renameat2 with RENAME_EXCHANGE), putting back an unprotected entry of
-// the listed name in the real folder whenever it went. Whoever judges the
-// listed item by one resolution of its path and removes it by another can
-// be made to remove what the link leads to.
-class FolderSwapper {
-public:
-    // `owned` is the host path of the user's folder, holding the folder "A"
-    // and the link "B"; `name` is the listed entry's name in "A".
-    FolderSwapper(const std::string& owned, std::string name) : theName(std::move(name))
-    {
-        void* shared = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-        if (shared == MAP_FAILED) {
-            return;
-        }
-        theShared = new (shared) Shared();
-        // Opened while still root: the user needs no way through the
-        // fixture's folders above its own.
-        const Descriptor folder = openFolder(owned);
-        const Descriptor real = openFolder(owned + "/A");
-        if (!folder.isOpen() || !real.isOpen()) {
-            return;
-        }
-        thePid = ::fork();
-        if (thePid == 0) {
-            ::_exit(swapUntilStopped(folder.get(), real.get()));
-        }
-    }
-
-    ~FolderSwapper()
-    {
-        stop();
-        if (theShared != nullptr) {
-            theShared->~Shared();
-            ::munmap(theShared, sizeof(Shared));
-        }
-    }
-
-    FolderSwapper(const FolderSwapper&) = delete;
-    FolderSwapper& operator=(const FolderSwapper&) = delete;
-
-    // Stops the loop; the number of swaps made, none when it never ran.
-    std::uint64_t stop()
-    {
-        if (thePid > 0) {
-            theShared->stop = true;
-            int status = 0;
-            ::waitpid(thePid, &status, 0);
-            thePid = -1;
-        }
-        return theShared != nullptr ? theShared->swaps.load() : 0;
-    }
-
-private:
-    struct Shared {
-        std::atomic<bool> stop{false};
-        std::atomic<std::uint64_t> swaps{0};
-    };
-
-    int swapUntilStopped(int folder, int real) const
-    {
-        if (::setgroups(0, nullptr) != 0 || ::setgid(kUnprivilegedGroup) != 0 || ::setuid(kUnprivilegedUser) != 0) {
-            return 125;
-        }
-        while (!theShared->stop) {
-            // Fails harmlessly while the entry is still there.
-            ::symlinkat("nowhere", real, theName.c_str());
-            if (::renameat2(folder, "A", folder, "B", RENAME_EXCHANGE) != 0) {
-                return 1;
-            }
-            ++theShared->swaps;
-        }
-        return 0;
-    }
-
-    std::string theName;
-    Shared* theShared = nullptr;
-    pid_t thePid = -1;
-};
 
 // How often the probe's --repeat output counted `line` (0 when it did not).
 std::size_t countOf(const std::string& output, const std::string& line)

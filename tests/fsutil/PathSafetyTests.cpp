@@ -1,16 +1,9 @@
 // Whether a path may be trusted by a user, the repair of its write bits, and
 // the attributes the shared services create items with.
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <grp.h>
-#include <signal.h>
-#include <stdio.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
 
 #include "fsutil/QELSecurity.h"
@@ -18,6 +11,7 @@
 #include "platform/User.h"
 #include "tests/support/Settings.h"
 #include "tests/support/FileModes.h"
+#include "tests/support/FolderSwapper.h"
 #include "tests/support/RunUnprivileged.h"
 #include "tests/support/TempDir.h"
 
@@ -183,35 +177,11 @@ TEST_F(PathSafety, ARepairNeverReachesTheFileBehindAFolderSwappedForALinkMeanwhi
     const std::optional<std::string> owner = platform::accountNameForUserID(testsupport::kUnprivilegedUser);
     ASSERT_TRUE(owner);
 
-    auto* stop = static_cast<std::atomic<bool>*>(
-        ::mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(stop, MAP_FAILED);
-    new (stop) std::atomic<bool>(false);
-    const int folderFd = ::open(owned.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_GE(folderFd, 0);
-    const pid_t swapper = ::fork();
-    ASSERT_GE(swapper, 0);
-    if (swapper == 0) {
-        if (::setgroups(0, nullptr) != 0 || ::setgid(testsupport::kUnprivilegedGroup) != 0 ||
-            ::setuid(testsupport::kUnprivilegedUser) != 0) {
-            ::_exit(125);
-        }
-        while (!stop->load()) {
-            if (::renameat2(folderFd, "A", folderFd, "B", RENAME_EXCHANGE) != 0) {
-                ::_exit(1);
-            }
-        }
-        ::_exit(0);
-    }
+    testsupport::FolderSwapper swapper(owned, "x");
     for (int round = 0; round < 10000 && modeOf(secret) == 0600U; ++round) {
         static_cast<void>(QELSecurity::makePathOK(owned + "/A/x", *owner));
     }
-    stop->store(true);
-    int status = 0;
-    ASSERT_EQ(::waitpid(swapper, &status, 0), swapper);
-    ::close(folderFd);
-    ::munmap(stop, sizeof(std::atomic<bool>));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the swapping child failed";
+    EXPECT_GT(swapper.stop(), 0U) << "the folder was never swapped";
     EXPECT_EQ(modeOf(secret), 0600U);
 }
 
