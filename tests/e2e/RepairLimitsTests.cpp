@@ -6,8 +6,15 @@
 // repaired.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
 #include <string>
 
+#include "tests/support/FolderSwapper.h"
+#include "tests/support/RunUnprivileged.h"
 #include "tests/support/Sandbox.h"
 
 namespace {
@@ -16,6 +23,8 @@ using testsupport::Layout;
 using testsupport::layoutName;
 using testsupport::RunResult;
 using testsupport::Sandbox;
+
+constexpr char kRepairProbe[] = REMOVER_REPAIR_PROBE_PATH;
 
 class RepairLimitsTest : public testing::TestWithParam<Layout> {
 protected:
@@ -152,6 +161,51 @@ TEST_P(RepairLimitsTest, AProtectedFolderReachedThroughABindMountOfItsDiskKeepsI
     EXPECT_TRUE(
         contains(result.standardError, "the permissions of /Applications/LibraryView/Fonts are left as they are"))
         << result.standardError;
+}
+
+// nobody owns /Library/att, holding its folder A (with its file x, mode
+// 0666) and a link B to root's folder /Library/Victim (with root's file x,
+// mode 0600), and swaps A and B as fast as it can while root repairs
+// /Library/att/A/x for nobody 20,000 times: every repair judged on nobody's
+// file must land on it, never on root's file behind the link.
+TEST_P(RepairLimitsTest, AMiddleFolderSwappedForALinkNeverTurnsTheRepairOntoAnotherFile)
+{
+    theSandbox.writeFile("/Library/Victim/x", "root's", 0600);
+    theSandbox.writeFile("/Library/att/A/x", "nobody's", 0666);
+    ASSERT_EQ(::chmod(theSandbox.hostPath("/Library/att/A/x").c_str(), 0666), 0);
+    theSandbox.makeSymlink("/Library/att/B", "/Library/Victim");
+    for (const char* path : {"/Library/att", "/Library/att/A", "/Library/att/A/x", "/Library/att/B"}) {
+        ASSERT_EQ(::lchown(theSandbox.hostPath(path).c_str(), testsupport::kUnprivilegedUser,
+                           testsupport::kUnprivilegedGroup),
+                  0)
+            << path;
+    }
+    theSandbox.useBundleCopy();
+    const std::string probe = std::string(Sandbox::kBundlePath) + "/Contents/MacOS/repair-probe";
+    std::filesystem::copy_file(kRepairProbe, theSandbox.hostPath(probe));
+
+    RunResult result;
+    std::uint64_t swaps = 0;
+    {
+        testsupport::FolderSwapper swapper(theSandbox.hostPath("/Library/att"), "x");
+        result = theSandbox.runProgram(probe, {"nobody", "20000", "/Library/att/A/x"});
+        swaps = swapper.stop();
+    }
+    ASSERT_EQ(result.exitStatus, 0) << result.standardError;
+    struct stat victim {};
+    ASSERT_EQ(::lstat(theSandbox.hostPath("/Library/Victim/x").c_str(), &victim), 0);
+    EXPECT_EQ(victim.st_mode & 07777, 0600U) << result.standardOutput;
+    EXPECT_EQ(victim.st_uid, 0U);
+    EXPECT_EQ(theSandbox.readFile("/Library/Victim/x"), "root's");
+    // Both sides of the swap were met: nobody's file was repaired.
+    EXPECT_GT(swaps, 0U);
+    EXPECT_TRUE(contains(result.standardOutput, " YES\n")) << result.standardOutput;
+    // The swaps leave the real folder under either name.
+    const std::string real =
+        std::filesystem::is_symlink(theSandbox.hostPath("/Library/att/A")) ? "/Library/att/B" : "/Library/att/A";
+    struct stat own {};
+    ASSERT_EQ(::lstat(theSandbox.hostPath(real + "/x").c_str(), &own), 0);
+    EXPECT_EQ(own.st_mode & 07777, 0644U);
 }
 
 INSTANTIATE_TEST_SUITE_P(RepairLimits, RepairLimitsTest, testing::Values(Layout::SeparateMounts, Layout::SingleDisk),
