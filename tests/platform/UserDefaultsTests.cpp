@@ -45,6 +45,18 @@ void writeDomain(const std::string& path, PropertyList::Dictionary entries)
     ASSERT_TRUE(PropertyList::dictionary(std::move(entries)).writeToFile(path, true));
 }
 
+// Probe.app in `dir`, identified as com.example.probe, whose program is a
+// copy of this test executable: its main bundle when run from there. Its
+// path.
+std::string makeProbeApp(const testsupport::TempDir& dir)
+{
+    const std::string app = dir.at("Probe.app");
+    testsupport::makeDirectories(app + "/Contents");
+    writeDomain(app + "/Contents/Info.plist", probeInfo("com.example.probe"));
+    testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
+    return app;
+}
+
 // Runs the running test again in a fresh process of this executable, with
 // kChildVariable set.
 int runInAProcessOfItsOwn()
@@ -275,11 +287,7 @@ TEST(UserDefaultsApplicationDomain, ApplicationDomainComesBetweenArgumentsAndGlo
         return;
     }
     testsupport::TempDir dir;
-    const std::string app = dir.at("Probe.app");
-    testsupport::makeDirectories(app + "/Contents");
-    writeDomain(app + "/Contents/Info.plist", probeInfo("com.example.probe"));
-    testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
-
+    const std::string app = makeProbeApp(dir);
     const std::string folder = dir.at("Preferences");
     testsupport::makeDirectories(folder);
     auto application =
@@ -371,11 +379,7 @@ TEST(UserDefaultsApplicationDomain, AnUnchangedInfoIsReadOnceAndAChangedOneAgain
         return;
     }
     testsupport::TempDir dir;
-    const std::string app = dir.at("Probe.app");
-    testsupport::makeDirectories(app + "/Contents");
-    writeDomain(app + "/Contents/Info.plist", probeInfo("com.example.probe"));
-    testsupport::copyRunningExecutable(app + "/Contents/MacOS/probe");
-
+    const std::string app = makeProbeApp(dir);
     const std::string folder = dir.at("Preferences");
     testsupport::makeDirectories(folder);
     writeDomain(folder + "/com.example.probe.plist", strings({{"AppOnly", "probe"}}));
